@@ -1,0 +1,116 @@
+#pragma once
+// One attached camera. Made only by DevicePTP::build (or, for a host's
+// derived class, through std::make_shared) and always owned by a shared_ptr.
+// A host may override the virtual hooks.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "DevicePTP/PtpContainer.h"
+#include "DevicePTP/QKFileInfo.h"
+#include "DevicePTP/QKResult.h"
+#include "log/Log.h"
+#include "models/CameraDB.h"
+#include "models/PropertyDB.h"
+#include "usb/UsbLib.h"
+
+class DevicePTP : public std::enable_shared_from_this<DevicePTP>, public LoggerClient {
+public:
+    static std::shared_ptr<DevicePTP> build(std::shared_ptr<UsbLib> usbLib, std::wstring devicePath);
+    ~DevicePTP() override;
+    DevicePTP(const DevicePTP&) = delete;
+    DevicePTP& operator=(const DevicePTP&) = delete;
+
+    // Hooks, in slot order after the destructor.
+    virtual void PostprocessPreview(int width, int height, unsigned char* picture, int size);
+    virtual void OnNewPreviewFrame();
+    virtual void RegisterPointer(void* pointer, std::function<void(void*)> release);
+    virtual bool IsVoltageLogging();
+    virtual void OnZoomChanged();
+    virtual void OnPropertyChanged(int property);
+    virtual QKResult GuardCameraState();
+    virtual QKResult GuardOpenSession();
+    virtual QKResult GuardAll();
+    virtual QKResult DoSetProperty(QKProp property);
+    virtual void OnPropertyListChanged();
+    virtual void OnShootCompleted(QKFileInfo file);
+    virtual void TemporaryStopPreview(bool stop);
+    virtual QKResult SetPreShootProperty();
+    virtual bool IsMemLogging();
+    virtual void OnFocusChanged();
+    // Gives back memory that an operation handed out; callable from any thread.
+    virtual void FreePointer(void* pointer);
+
+    // Identity.
+    QKResult Init();
+    QKResult QKMLoadSerialNumber();
+    std::wstring GetSerialNumber();
+    std::wstring GetCameraName();
+    std::wstring GetCameraId();
+
+    // Writes the value cache to the camera; arrives with property writing.
+    QKResult PTPSetProperty(QKProp property);
+
+    // PTP transactions.
+    static std::vector<unsigned int> PTPmkParams();
+    static std::vector<unsigned int> PTPmkParams(unsigned int p1);
+    static std::vector<unsigned int> PTPmkParams(unsigned int p1, unsigned int p2);
+    static std::vector<unsigned int> PTPmkParams(unsigned int p1, unsigned int p2, unsigned int p3);
+
+    // One operation with the retry rule. `result`, `responseParams` and
+    // `chunkCallback` may each be null; with a data phase exactly one of
+    // `result` (preferred) and `chunkCallback` takes the data.
+    bool PtpTransaction(unsigned short code, std::vector<unsigned int> params, TRANSACTION_TYPE type,
+                        DataLen* result, std::vector<unsigned int>* responseParams,
+                        std::function<void(DataLen*)>* chunkCallback);
+    // Frees a buffer that a transaction filled.
+    static void FreePtpTransactionGetBuffer(DataLen& buffer);
+
+protected:
+    DevicePTP(std::shared_ptr<UsbLib> usbLib, std::wstring devicePath);
+
+    bool PtpTransaction_(unsigned short code, std::vector<unsigned int> params, TRANSACTION_TYPE type,
+                         bool* generalError, DataLen* result,
+                         std::vector<unsigned int>* responseParams,
+                         std::function<void(DataLen*)>* chunkCallback);
+    bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
+                      std::function<void(DataLen*)>* chunkCallback);
+    bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    bool UsbWrite(DataLen* buffer);
+    bool UsbReadExactly(DataLen* buffer);
+
+    std::shared_ptr<UsbLib> usbLib;
+    void* deviceHandle = nullptr;
+    std::wstring devicePath;
+    std::wstring deviceName;
+    CameraConfig cameraConfig;
+    std::wstring serialNumber;
+    std::map<void*, std::function<void(void*)>> registeredPointers;
+    std::mutex registeredPointersMutex; // FreePointer may come from any thread
+
+    unsigned int nextTransactionId = 0; // guarded by transactionMutex
+    std::mutex transactionMutex;        // innermost: one whole attempt on the wire
+
+    std::mutex previewMutex;
+
+    struct {
+        std::recursive_mutex stateMutex;
+    } state;
+
+    struct {
+        std::vector<QKFileInfo> objects;
+        std::mutex objectsMutex;
+        int latestFileId = -1;
+    } catalogue;
+
+    struct {
+        int nextDirectFileId = -1;
+        std::recursive_mutex directFilesMutex;
+    } direct;
+
+    bool memLogging = false;
+};

@@ -1,0 +1,234 @@
+// PTP transactions: a command container, at most one data phase from the
+// camera, and a response container.
+
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+
+namespace {
+constexpr int maxAttempts = 3;
+constexpr auto generalErrorWait = std::chrono::milliseconds(300);
+constexpr unsigned int maxChunk = 0x100000;
+// Data bytes that came in the header's packet; behind them a chunk of
+// maxChunk bytes is a whole number of packets.
+constexpr unsigned int firstPacketData = 500;
+constexpr unsigned int maxCommandParams = 5;
+} // namespace
+
+std::vector<unsigned int> DevicePTP::PTPmkParams() { return {}; }
+std::vector<unsigned int> DevicePTP::PTPmkParams(unsigned int p1) { return {p1}; }
+std::vector<unsigned int> DevicePTP::PTPmkParams(unsigned int p1, unsigned int p2) { return {p1, p2}; }
+std::vector<unsigned int> DevicePTP::PTPmkParams(unsigned int p1, unsigned int p2, unsigned int p3)
+{
+    return {p1, p2, p3};
+}
+
+void DevicePTP::FreePtpTransactionGetBuffer(DataLen& buffer)
+{
+    if (buffer.data)
+        delete[] static_cast<unsigned char*>(buffer.data);
+}
+
+bool DevicePTP::UsbWrite(DataLen* buffer) { return usbLib->Write(buffer, deviceHandle); }
+bool DevicePTP::UsbReadExactly(DataLen* buffer) { return usbLib->Read(buffer, deviceHandle); }
+
+bool DevicePTP::PtpTransaction(unsigned short code, std::vector<unsigned int> params,
+                               TRANSACTION_TYPE type, DataLen* result,
+                               std::vector<unsigned int>* responseParams,
+                               std::function<void(DataLen*)>* chunkCallback)
+{
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+        bool generalError = false;
+        if (PtpTransaction_(code, params, type, &generalError, result, responseParams, chunkCallback))
+            return true;
+        if (!generalError)
+            return false;
+        QK_LOG_ERR("PTP General Error. Retry %d", attempt);
+        std::this_thread::sleep_for(generalErrorWait);
+    }
+    return false;
+}
+
+bool DevicePTP::PtpTransaction_(unsigned short code, std::vector<unsigned int> params,
+                                TRANSACTION_TYPE type, bool* generalError, DataLen* result,
+                                std::vector<unsigned int>* responseParams,
+                                std::function<void(DataLen*)>* chunkCallback)
+{
+    std::lock_guard<std::mutex> lock(transactionMutex);
+    *generalError = false;
+    if (!deviceHandle) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("no open device");
+        return false;
+    }
+    if (params.size() > maxCommandParams) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("too many parameters: %u", static_cast<unsigned int>(params.size()));
+        return false;
+    }
+
+    _PTPUSBBulkContainer command;
+    std::memset(&command, 0, sizeof(command));
+    command.length = ptpHeaderSize + 4 * static_cast<uint32_t>(params.size());
+    command.type = CONTAINER_COMMAND;
+    command.code = code;
+    command.transId = nextTransactionId++;
+    std::memcpy(command.payload, params.data(), 4 * params.size());
+    DataLen commandBytes(&command, command.length);
+    if (!UsbWrite(&commandBytes)) {
+        QK_LOG_ERR("PtpTransaction failed");
+        return false;
+    }
+
+    DataLen filled; // what the data phase put into *result, freed if the response fails
+    if (type == TRANSACTION_GETDATA) {
+        if (!PtpDataPhase(code, generalError, result, chunkCallback))
+            return false;
+        if (result)
+            filled = *result;
+    }
+    auto failAfterData = [&] {
+        FreePtpTransactionGetBuffer(filled);
+        if (filled.data)
+            *result = DataLen();
+        return false;
+    };
+
+    _PTPUSBBulkContainer response;
+    if (!PtpReadContainer(&response)) {
+        QK_LOG_ERR("PtpTransaction failed");
+        return failAfterData();
+    }
+    if (response.type != CONTAINER_RESPONSE) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("incorrect response type %d", response.type);
+        return failAfterData();
+    }
+    if (response.code != PTP_RC_OK && response.code != code) {
+        if (response.code == PTP_RC_GeneralError) {
+            *generalError = true;
+            QK_LOG_ERR("PTP_RC_GeneralError");
+        }
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("incorrect response code %d", response.code);
+        return failAfterData();
+    }
+    if (responseParams) {
+        responseParams->assign(5, 0);
+        std::memcpy(responseParams->data(), response.payload, 5 * sizeof(uint32_t));
+    }
+    return true;
+}
+
+bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
+                             std::function<void(DataLen*)>* chunkCallback)
+{
+    _PTPUSBBulkContainer header;
+    std::memset(&header, 0, sizeof(header));
+    DataLen headerBytes(&header, ptpHeaderSize);
+    if (!UsbReadExactly(&headerBytes)) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: can't read header");
+        return false;
+    }
+    if (header.type != CONTAINER_DATA) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: wrong CONTAINER_DATA");
+        if (header.type == CONTAINER_RESPONSE && header.code == PTP_RC_GeneralError) {
+            QK_LOG_ERR("PTP_RC_GeneralError");
+            *generalError = true;
+        }
+        return false;
+    }
+    if (header.code != code) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: wrong code");
+        return false;
+    }
+    if (header.length < ptpHeaderSize) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: container length %u below the header", header.length);
+        return false;
+    }
+    const unsigned int dataLength = header.length - ptpHeaderSize;
+
+    if (result) {
+        unsigned char* data = new (std::nothrow) unsigned char[dataLength];
+        if (!data) {
+            QK_LOG_ERR("PtpTransaction failed");
+            QK_LOG_ERR("GETDATA failed: can't allocate %u bytes", dataLength);
+            return false;
+        }
+        DataLen whole(data, dataLength);
+        if (!UsbReadExactly(&whole)) {
+            QK_LOG_ERR("PtpTransaction failed");
+            QK_LOG_ERR("GETDATA failed: tail data stage");
+            delete[] data;
+            return false;
+        }
+        *result = whole;
+        return true;
+    }
+
+    if (chunkCallback) {
+        unsigned int remaining = dataLength;
+        bool first = true;
+        while (remaining > 0) {
+            unsigned int size = std::min(remaining, maxChunk);
+            if (first && size + firstPacketData <= remaining)
+                size += firstPacketData;
+            first = false;
+            unsigned char* chunk = new (std::nothrow) unsigned char[size];
+            if (!chunk) {
+                QK_LOG_ERR("PtpTransaction failed");
+                QK_LOG_ERR("GETDATA failed: can't allocate %u bytes", size);
+                return false;
+            }
+            DataLen piece(chunk, size);
+            if (!UsbReadExactly(&piece)) {
+                QK_LOG_ERR("PtpTransaction failed");
+                QK_LOG_ERR("GETDATA failed: tail data stage (with callback)");
+                delete[] chunk;
+                return false;
+            }
+            (*chunkCallback)(&piece);
+            delete[] chunk;
+            remaining -= size;
+        }
+        (*chunkCallback)(nullptr);
+        return true;
+    }
+
+    QK_LOG_ERR("PtpTransaction: Unknown result destination");
+    return false;
+}
+
+bool DevicePTP::PtpReadContainer(_PTPUSBBulkContainer* container)
+{
+    std::memset(container, 0, sizeof(*container));
+    DataLen headerBytes(container, ptpHeaderSize);
+    if (!UsbReadExactly(&headerBytes)) {
+        QK_LOG_ERR("PtpReadContainer: packed header read failed");
+        return false;
+    }
+    if (container->length > ptpContainerSize) {
+        QK_LOG_ERR("PtpReadContainer: packed to long");
+        return false;
+    }
+    if (container->length < ptpHeaderSize) {
+        QK_LOG_ERR("PtpReadContainer: packed too short: %u", container->length);
+        return false;
+    }
+    if (container->length == ptpHeaderSize)
+        return true;
+    DataLen payload(container->payload, container->length - ptpHeaderSize);
+    if (!UsbReadExactly(&payload)) {
+        QK_LOG_ERR("PtpReadContainer: packed data read failed");
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+// One file of a camera. Non-negative ids are PTP object handles; negative
+// ids are direct-transfer files held in memory.
+struct QKFileInfo {
+    int id = 0;
+    wchar_t name[128] = {}; // zero-terminated, at most 127 characters
+    int size = 0;
+};

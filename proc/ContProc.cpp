@@ -1,0 +1,37 @@
+#include "proc/ContProc.h"
+
+#include <chrono>
+#include <thread>
+
+#include "log/Log.h"
+
+const ContProc::Step ContProc::sentinel = [](ContProc*, int64_t*, QKResult* result, bool* more) {
+    *result = QK_OK;
+    *more = false;
+};
+
+QKResult ContProc::run(ContProc* proc)
+{
+    if (!proc) {
+        QK_LOG_ERR("ContProc::run: no chain");
+        return QK_ERROR;
+    }
+    // A step that ends the chain without saying how is a failure, not garbage.
+    QKResult result = QK_ERROR;
+    for (;;) {
+        int64_t wait = 0;
+        bool more = false;
+        if (!proc->step) {
+            QK_LOG_ERR("ContProc::run: chain without a step");
+            delete proc;
+            return QK_ERROR;
+        }
+        proc->step(proc, &wait, &result, &more);
+        if (!more) {
+            delete proc;
+            return result;
+        }
+        if (wait > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(wait));
+    }
+}

@@ -1,0 +1,260 @@
+// The camera object: identity, the serial number, memory handed to callers,
+// hooks of a derived camera and the lifetime of the device handle.
+
+#include <atomic>
+#include <thread>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+#include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
+
+namespace {
+
+using qksim::PtpCommand;
+using qksim::PtpReply;
+using qktest::LogMark;
+
+class DevicePTPTest : public qktest::VirtualCameraTest {};
+
+TEST_F(DevicePTPTest, InitFindsTheRecordAndTheSerialRequestIsExact)
+{
+    auto camera = AddCamera("SX160", "QKS0001", "Virtual SX160 HS");
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    EXPECT_EQ(device->GetCameraName(), L"");
+    ASSERT_EQ(device->Init(), QK_OK);
+    EXPECT_EQ(device->GetCameraName(), L"Virtual SX160 HS");
+    EXPECT_EQ(device->GetCameraId(), L"SX160");
+    EXPECT_EQ(device->GetSerialNumber(), L"");
+
+    ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+    EXPECT_EQ(device->GetSerialNumber(), L"QKS0001");
+    // 10 00 00 00 | 01 00 | 99 99 | 00 00 00 00 | A1 00 00 00
+    std::vector<PtpCommand> sent = camera->ReceivedCommands();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].length, 16u);
+    EXPECT_EQ(sent[0].type, 1);
+    EXPECT_EQ(sent[0].code, 0x9999);
+    EXPECT_EQ(sent[0].transId, 0u);
+    EXPECT_EQ(sent[0].params, std::vector<uint32_t>{0xA1});
+    EXPECT_EQ(camera->Traffic().outLengths, std::vector<uint32_t>{16});
+}
+
+TEST_F(DevicePTPTest, SerialTakesEveryEvenByteZerosIncluded)
+{
+    auto camera = AddCamera("A1400", "X");
+    struct Case {
+        std::vector<uint8_t> reply;
+        std::wstring serial;
+    } cases[] = {
+        {{'A', 0, 'B', 0, 'C'}, L"ABC"},
+        {{'A', 'x', 0, 'y', 'C', 0}, std::wstring{L'A', L'\0', L'C'}},
+        {{0xE9, 0}, std::wstring{wchar_t(0xE9)}},
+        {{}, L""},
+    };
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    ASSERT_EQ(device->Init(), QK_OK);
+    for (const Case& c : cases) {
+        PtpReply reply;
+        reply.hasData = true;
+        reply.data = c.reply;
+        camera->SetVendorHandler(PTP_QKM_GetSerialNumber, [reply](const PtpCommand&) { return reply; });
+        ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+        EXPECT_EQ(device->GetSerialNumber(), c.serial);
+    }
+}
+
+TEST_F(DevicePTPTest, UnreadableSerialKeepsThePreviousOne)
+{
+    auto camera = AddCamera("SX160", "QKS0009");
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    ASSERT_EQ(device->Init(), QK_OK);
+    ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+    PtpReply refused;
+    refused.responseCode = 0x2005;
+    camera->SetVendorHandler(PTP_QKM_GetSerialNumber, [refused](const PtpCommand&) { return refused; });
+    LogMark mark;
+    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_ERROR);
+    EXPECT_EQ(device->GetSerialNumber(), L"QKS0009");
+    EXPECT_EQ(mark.Count("PTP_QKM_GetSerialNumber failed"), 1);
+    EXPECT_EQ(mark.Count("PtpTransaction failed"), 1);
+}
+
+TEST_F(DevicePTPTest, ProductWithoutModelNameKeepsTheHandleButNoRecord)
+{
+    auto camera = AddCamera("SX160", "QKS0002", "Virtual Camera Z99");
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    LogMark mark;
+    EXPECT_EQ(device->Init(), QK_ERROR);
+    EXPECT_EQ(mark.Count("camera config not found: Virtual Camera Z99"), 1);
+    EXPECT_EQ(device->GetCameraName(), L"Virtual Camera Z99");
+    EXPECT_EQ(device->GetCameraId(), L"");
+    // The device is open all the same.
+    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+    EXPECT_EQ(device->GetSerialNumber(), L"QKS0002");
+}
+
+TEST_F(DevicePTPTest, RecognitionTakesTheFirstNameContainedInTheProduct)
+{
+    struct Case {
+        const char* product;
+        const wchar_t* id;
+    } cases[] = {
+        {"QK SX400IS", L"SX400IS"}, {"QK SX40HS", L"SX40HS"}, {"camera A810 x", L"A810"},
+        {"sx160", L""},             {"IXUS170IXUS145", L"IXUS145"},
+    };
+    for (const Case& c : cases) {
+        auto camera = AddCamera("SX160", "S", c.product);
+        auto device = DevicePTP::build(Transport(), camera->Path());
+        device->Init();
+        EXPECT_EQ(device->GetCameraId(), c.id) << c.product;
+        device.reset();
+        usb.reset();
+        qksim::VirtualBus::Instance().RemoveAll();
+    }
+}
+
+TEST_F(DevicePTPTest, FailedOpenLeavesTheObjectEmpty)
+{
+    auto camera = AddCamera("SX160", "S");
+    camera->FailClaim(true);
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    EXPECT_EQ(device->Init(), QK_ERROR);
+    EXPECT_EQ(device->GetCameraName(), L"");
+    EXPECT_EQ(device->GetCameraId(), L"");
+    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_ERROR);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+TEST_F(DevicePTPTest, DestructorClosesTheDeviceAndLogs)
+{
+    auto camera = AddCamera("SX160", "S");
+    auto first = DevicePTP::build(Transport(), camera->Path());
+    ASSERT_EQ(first->Init(), QK_OK);
+    // While the first object holds the interface, a second can't claim it.
+    auto second = DevicePTP::build(usb, camera->Path());
+    EXPECT_EQ(second->Init(), QK_ERROR);
+    second.reset();
+
+    LogMark mark;
+    first.reset();
+    EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
+    auto third = DevicePTP::build(usb, camera->Path());
+    EXPECT_EQ(third->Init(), QK_OK);
+}
+
+TEST_F(DevicePTPTest, FreePointerReleasesOnceAndLogsUnknownPointers)
+{
+    auto device = DevicePTP::build(Transport(), L"1193:12353:1:1");
+    int released = 0;
+    int* memory = new int[4];
+    device->RegisterPointer(memory, [&](void* p) {
+        ++released;
+        delete[] static_cast<int*>(p);
+    });
+    LogMark mark;
+    device->FreePointer(memory);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(memory);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
+
+    // Registering again replaces the function.
+    int first = 0, second = 0;
+    static int slot;
+    device->RegisterPointer(&slot, [&](void*) { ++first; });
+    device->RegisterPointer(&slot, [&](void*) { ++second; });
+    device->FreePointer(&slot);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+}
+
+TEST_F(DevicePTPTest, FreePointerFromManyThreads)
+{
+    auto device = DevicePTP::build(Transport(), L"1193:12353:1:1");
+    constexpr int count = 400;
+    std::vector<int> slots(count);
+    std::atomic<int> released{0};
+    for (int& slot : slots)
+        device->RegisterPointer(&slot, [&](void*) { ++released; });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = t; i < count; i += 4)
+                device->FreePointer(&slots[i]);
+        });
+    // Registering goes on while others free.
+    std::vector<int> more(count);
+    for (int& slot : more)
+        device->RegisterPointer(&slot, [&](void*) { ++released; });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(released.load(), count);
+    for (int& slot : more)
+        device->FreePointer(&slot);
+    EXPECT_EQ(released.load(), 2 * count);
+}
+
+TEST_F(DevicePTPTest, DefaultHooksLogAtDebugLevel)
+{
+    auto device = DevicePTP::build(Transport(), L"1193:12353:1:1");
+    LogMark mark;
+    device->OnZoomChanged();
+    device->OnPropertyChanged(7);
+    device->OnPropertyListChanged();
+    device->OnShootCompleted(QKFileInfo());
+    device->OnFocusChanged();
+    for (const char* line : {"OnZoomChanged event", "OnPropertyChanged event: 7",
+                             "OnPropertyListChanged event", "OnShootCompleted event",
+                             "OnFocusChanged event"})
+        EXPECT_EQ(mark.Count(line, "DEB"), 1) << line;
+    EXPECT_EQ(device->GuardAll(), QK_OK);
+    EXPECT_EQ(device->GuardCameraState(), QK_OK);
+    EXPECT_EQ(device->GuardOpenSession(), QK_OK);
+    EXPECT_EQ(device->SetPreShootProperty(), QK_OK);
+    EXPECT_FALSE(device->IsVoltageLogging());
+    EXPECT_FALSE(device->IsMemLogging());
+}
+
+// A host's camera: derived, made with std::make_shared, hooks overridden.
+class HostCamera : public DevicePTP {
+public:
+    HostCamera(std::shared_ptr<UsbLib> usb, std::wstring path) : DevicePTP(std::move(usb), std::move(path)) {}
+    void OnZoomChanged() override { ++zoomCalls; }
+    void RegisterPointer(void* pointer, std::function<void(void*)> release) override
+    {
+        registered.push_back(pointer);
+        DevicePTP::RegisterPointer(pointer, std::move(release));
+    }
+    int zoomCalls = 0;
+    std::vector<void*> registered;
+};
+
+TEST_F(DevicePTPTest, DerivedCameraIsSharedAndOverridesHooks)
+{
+    auto camera = AddCamera("A1400", "QKS0100");
+    auto host = std::make_shared<HostCamera>(Transport(), camera->Path());
+    std::shared_ptr<DevicePTP> self = host->shared_from_this();
+    EXPECT_EQ(self.get(), static_cast<DevicePTP*>(host.get()));
+    EXPECT_EQ(host.use_count(), 2);
+
+    ASSERT_EQ(host->Init(), QK_OK);
+    ASSERT_EQ(host->QKMLoadSerialNumber(), QK_OK);
+    EXPECT_EQ(host->GetSerialNumber(), L"QKS0100");
+    EXPECT_EQ(host->GetCameraId(), L"A1400");
+
+    LogMark mark;
+    self->OnZoomChanged();
+    EXPECT_EQ(host->zoomCalls, 1);
+    EXPECT_EQ(mark.Count("OnZoomChanged event"), 0);
+
+    int value = 0;
+    bool released = false;
+    self->RegisterPointer(&value, [&](void*) { released = true; });
+    EXPECT_EQ(host->registered, std::vector<void*>{&value});
+    self->FreePointer(&value);
+    EXPECT_TRUE(released);
+}
+
+} // namespace

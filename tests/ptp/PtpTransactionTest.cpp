@@ -1,0 +1,333 @@
+// Transactions against a virtual camera: containers on the wire, the retry
+// rule, both result destinations, the chunk rule and malformed replies.
+
+#include <chrono>
+#include <cctype>
+#include <cstring>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+#include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
+
+namespace {
+
+using qksim::PtpCommand;
+using qksim::PtpReply;
+using qktest::LogMark;
+using qktest::Pattern;
+
+constexpr uint32_t testSub = 0x55; // a sub-command the tests answer themselves
+
+class PtpTransactionTest : public qktest::VirtualCameraTest {
+protected:
+    void SetUp() override
+    {
+        camera = AddCamera("SX160", "QKS0001");
+        device = DevicePTP::build(Transport(), camera->Path());
+        ASSERT_EQ(device->Init(), QK_OK);
+        camera->ClearRecords();
+    }
+    void TearDown() override
+    {
+        device.reset();
+        VirtualCameraTest::TearDown();
+    }
+
+    void Answer(PtpReply reply)
+    {
+        camera->SetVendorHandler(testSub, [reply](const PtpCommand&) { return reply; });
+    }
+    static PtpReply DataReply(std::vector<uint8_t> data)
+    {
+        PtpReply reply;
+        reply.hasData = true;
+        reply.data = std::move(data);
+        return reply;
+    }
+    bool Get(DataLen* result, std::vector<unsigned int>* words = nullptr)
+    {
+        return device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub), TRANSACTION_GETDATA,
+                                      result, words, nullptr);
+    }
+    bool NoData(std::vector<unsigned int>* words = nullptr)
+    {
+        return device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub), TRANSACTION_NODATA,
+                                      nullptr, words, nullptr);
+    }
+    // Chunk sizes seen by a callback, -1 standing for the closing null call.
+    std::vector<long> Chunks(size_t size, std::vector<uint8_t>* collected)
+    {
+        std::vector<long> sizes;
+        std::function<void(DataLen*)> callback = [&](DataLen* chunk) {
+            if (!chunk) {
+                sizes.push_back(-1);
+                return;
+            }
+            sizes.push_back(chunk->len);
+            const uint8_t* bytes = static_cast<const uint8_t*>(chunk->data);
+            collected->insert(collected->end(), bytes, bytes + chunk->len);
+        };
+        Answer(DataReply(Pattern(size, 42)));
+        EXPECT_TRUE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub),
+                                           TRANSACTION_GETDATA, nullptr, nullptr, &callback));
+        return sizes;
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+    std::shared_ptr<DevicePTP> device;
+};
+
+TEST_F(PtpTransactionTest, CommandContainerCarriesCodeIdAndParameters)
+{
+    ASSERT_TRUE(device->PtpTransaction(PTP_OC_OpenSession, DevicePTP::PTPmkParams(1),
+                                       TRANSACTION_NODATA, nullptr, nullptr, nullptr));
+    Answer(PtpReply());
+    ASSERT_TRUE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub, 7, 0xFFFFFFFF),
+                                       TRANSACTION_NODATA, nullptr, nullptr, nullptr));
+    std::vector<PtpCommand> sent = camera->ReceivedCommands();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].length, 16u);
+    EXPECT_EQ(sent[0].type, 1);
+    EXPECT_EQ(sent[0].code, 0x1002);
+    EXPECT_EQ(sent[0].transId, 0u);
+    EXPECT_EQ(sent[0].params, std::vector<uint32_t>{1});
+    EXPECT_EQ(sent[1].length, 24u);
+    EXPECT_EQ(sent[1].transId, 1u);
+    EXPECT_EQ(sent[1].params, (std::vector<uint32_t>{testSub, 7, 0xFFFFFFFF}));
+    EXPECT_EQ(camera->Traffic().outLengths, (std::vector<uint32_t>{16, 24}));
+}
+
+TEST_F(PtpTransactionTest, SmallReplyComesInOnePacketAndTheRestFromResidue)
+{
+    std::vector<uint8_t> data = Pattern(40, 1);
+    Answer(DataReply(data));
+    DataLen result;
+    ASSERT_TRUE(Get(&result));
+    ASSERT_EQ(result.len, 40u);
+    EXPECT_EQ(std::memcmp(result.data, data.data(), 40), 0);
+    DevicePTP::FreePtpTransactionGetBuffer(result);
+    // The 52-byte data container and the response: one transfer each.
+    EXPECT_EQ(camera->Traffic().inRequests, (std::vector<uint32_t>{512, 512}));
+}
+
+TEST_F(PtpTransactionTest, ReplySpanningPacketsArrivesWhole)
+{
+    for (size_t size : {500u, 501u, 1012u, 3000u, 0x100000u + 77u}) {
+        std::vector<uint8_t> data = Pattern(size, static_cast<uint8_t>(size));
+        Answer(DataReply(data));
+        DataLen result;
+        ASSERT_TRUE(Get(&result)) << size;
+        ASSERT_EQ(result.len, size);
+        EXPECT_EQ(std::memcmp(result.data, data.data(), size), 0) << size;
+        DevicePTP::FreePtpTransactionGetBuffer(result);
+    }
+}
+
+TEST_F(PtpTransactionTest, ThreeGeneralErrorsAreRetriedThenFail)
+{
+    camera->GeneralErrorNext(3);
+    Answer(PtpReply());
+    LogMark mark;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(NoData());
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(mark.Count("PTP General Error. Retry " + std::to_string(i)), 1);
+    EXPECT_EQ(mark.Count("PTP General Error. Retry 3"), 0);
+    EXPECT_EQ(mark.Count("PTP_RC_GeneralError"), 3);
+    EXPECT_EQ(camera->ReceivedCommands().size(), 3u);
+}
+
+TEST_F(PtpTransactionTest, GeneralErrorInsteadOfDataIsRetriedWithNewIds)
+{
+    camera->GeneralErrorNext(2, true);
+    std::vector<uint8_t> data = Pattern(64, 5);
+    Answer(DataReply(data));
+    LogMark mark;
+    DataLen result;
+    ASSERT_TRUE(Get(&result));
+    EXPECT_EQ(result.len, 64u);
+    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(mark.Count("GETDATA failed: wrong CONTAINER_DATA"), 2);
+    std::vector<PtpCommand> sent = camera->ReceivedCommands();
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(sent[0].transId, 0u);
+    EXPECT_EQ(sent[1].transId, 1u);
+    EXPECT_EQ(sent[2].transId, 2u);
+}
+
+TEST_F(PtpTransactionTest, GeneralErrorAfterDataFreesAndRetries)
+{
+    camera->GeneralErrorNext(1);
+    Answer(DataReply(Pattern(700, 3)));
+    DataLen result;
+    ASSERT_TRUE(Get(&result));
+    EXPECT_EQ(result.len, 700u);
+    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(camera->ReceivedCommands().size(), 2u);
+}
+
+TEST_F(PtpTransactionTest, OtherResponseCodesFailAtOnce)
+{
+    PtpReply busy;
+    busy.responseCode = 0x2019;
+    Answer(busy);
+    LogMark mark;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(NoData());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    EXPECT_EQ(camera->ReceivedCommands().size(), 1u);
+    EXPECT_EQ(mark.Count("incorrect response code 8217"), 1);
+    EXPECT_EQ(mark.Count("Retry"), 0);
+}
+
+TEST_F(PtpTransactionTest, ResponseWithTheOperationCodeCountsAsSuccess)
+{
+    PtpReply echo;
+    echo.responseCode = PTP_OC_QKM;
+    echo.responseParams = {11, 22};
+    Answer(echo);
+    std::vector<unsigned int> words{9};
+    ASSERT_TRUE(NoData(&words));
+    EXPECT_EQ(words, (std::vector<unsigned int>{11, 22, 0, 0, 0}));
+}
+
+TEST_F(PtpTransactionTest, ResponseWithoutParametersGivesFiveZeros)
+{
+    Answer(PtpReply());
+    std::vector<unsigned int> words{1, 2, 3};
+    ASSERT_TRUE(NoData(&words));
+    EXPECT_EQ(words, std::vector<unsigned int>(5, 0));
+
+    PtpReply full;
+    full.responseParams = {1, 2, 3, 4, 5};
+    Answer(full);
+    ASSERT_TRUE(NoData(&words));
+    EXPECT_EQ(words, (std::vector<unsigned int>{1, 2, 3, 4, 5}));
+}
+
+TEST_F(PtpTransactionTest, ChunksFollowTheFirstPacketRule)
+{
+    const long mib = 0x100000;
+    struct Case {
+        size_t size;
+        std::vector<long> chunks;
+    } cases[] = {
+        {0, {-1}},
+        {1500, {1500, -1}},
+        {size_t(mib) + 500, {mib + 500, -1}},
+        {size_t(mib) + 501, {mib + 500, 1, -1}},
+        {size_t(2 * mib) + 600, {mib + 500, mib, 100, -1}},
+    };
+    for (const Case& c : cases) {
+        std::vector<uint8_t> collected;
+        EXPECT_EQ(Chunks(c.size, &collected), c.chunks) << c.size;
+        EXPECT_TRUE(collected == Pattern(c.size, 42)) << c.size;
+    }
+}
+
+TEST_F(PtpTransactionTest, ResultGoesBeforeCallbackAndNeitherIsAnError)
+{
+    Answer(DataReply(Pattern(10, 0)));
+    int calls = 0;
+    std::function<void(DataLen*)> callback = [&](DataLen*) { ++calls; };
+    DataLen result;
+    ASSERT_TRUE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub),
+                                       TRANSACTION_GETDATA, &result, nullptr, &callback));
+    EXPECT_EQ(result.len, 10u);
+    EXPECT_EQ(calls, 0);
+    DevicePTP::FreePtpTransactionGetBuffer(result);
+
+    LogMark mark;
+    EXPECT_FALSE(Get(nullptr));
+    EXPECT_EQ(mark.Count("PtpTransaction: Unknown result destination"), 1);
+}
+
+// Raw containers queued ahead of the camera's own answer.
+std::vector<uint8_t> Container(uint32_t length, uint16_t type, uint16_t code, size_t bytes)
+{
+    std::vector<uint8_t> c(bytes, 0);
+    std::memcpy(c.data(), &length, 4);
+    std::memcpy(c.data() + 4, &type, 2);
+    std::memcpy(c.data() + 6, &code, 2);
+    return c;
+}
+
+struct Malformed {
+    const char* what;
+    TRANSACTION_TYPE type;
+    std::vector<uint8_t> raw;
+    const char* line;
+};
+
+void PrintTo(const Malformed& m, std::ostream* os) { *os << m.what; }
+
+class MalformedReplyTest : public PtpTransactionTest,
+                           public ::testing::WithParamInterface<Malformed> {};
+
+TEST_P(MalformedReplyTest, FailsWithItsLogLineAndNoRetry)
+{
+    const Malformed& c = GetParam();
+    Answer(PtpReply());
+    camera->QueueRawIn(c.raw);
+    LogMark mark;
+    DataLen result;
+    EXPECT_FALSE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(testSub), c.type,
+                                        &result, nullptr, nullptr));
+    EXPECT_EQ(result.data, nullptr);
+    EXPECT_EQ(mark.Count(c.line), 1);
+    EXPECT_EQ(mark.Count("PtpTransaction failed"), 1);
+    EXPECT_EQ(mark.Count("Retry"), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Containers, MalformedReplyTest,
+    ::testing::Values(
+        Malformed{"response too long", TRANSACTION_NODATA, Container(513, 3, 0x2001, 12),
+                  "PtpReadContainer: packed to long"},
+        Malformed{"response shorter than its header", TRANSACTION_NODATA, Container(8, 3, 0x2001, 12),
+                  "PtpReadContainer: packed too short"},
+        Malformed{"data where the response belongs", TRANSACTION_NODATA,
+                  Container(12, 2, 0x9999, 12), "incorrect response type 2"},
+        Malformed{"response where data belongs", TRANSACTION_GETDATA, Container(12, 3, 0x2001, 12),
+                  "GETDATA failed: wrong CONTAINER_DATA"},
+        Malformed{"data of another operation", TRANSACTION_GETDATA, Container(16, 2, 0x1009, 16),
+                  "GETDATA failed: wrong code"},
+        Malformed{"data header shorter than itself", TRANSACTION_GETDATA, Container(4, 2, 0x9999, 12),
+                  "below the header"},
+        Malformed{"unknown container type", TRANSACTION_GETDATA, Container(12, 9, 0x9999, 12),
+                  "GETDATA failed: wrong CONTAINER_DATA"}),
+    [](const ::testing::TestParamInfo<Malformed>& info) {
+        std::string name;
+        for (const char* p = info.param.what; *p; ++p)
+            if (std::isalnum(static_cast<unsigned char>(*p)))
+                name += *p;
+        return name;
+    });
+
+TEST_F(PtpTransactionTest, TruncatedDataFailsAndLeavesNothingAllocated)
+{
+    // The header announces far more than the camera sends.
+    std::vector<uint8_t> raw = Container(100000, 2, 0x9999, 600);
+    camera->QueueRawIn(raw);
+    LogMark mark;
+    DataLen result;
+    EXPECT_FALSE(Get(&result));
+    EXPECT_EQ(result.data, nullptr);
+    EXPECT_EQ(mark.Count("GETDATA failed: tail data stage"), 1);
+}
+
+TEST_F(PtpTransactionTest, NoOpenDeviceFailsWithoutTraffic)
+{
+    auto unopened = DevicePTP::build(usb, L"1193:12353:9:99");
+    EXPECT_EQ(unopened->Init(), QK_ERROR);
+    LogMark mark;
+    EXPECT_FALSE(unopened->PtpTransaction(PTP_OC_OpenSession, DevicePTP::PTPmkParams(1),
+                                          TRANSACTION_NODATA, nullptr, nullptr, nullptr));
+    EXPECT_EQ(mark.Count("PtpTransaction failed"), 1);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+} // namespace

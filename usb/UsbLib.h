@@ -1,0 +1,51 @@
+#pragma once
+// The transport seen by the camera object: enumeration, open and close, and
+// whole-buffer bulk reads and writes.
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "log/Log.h"
+#include "usb/DataLen.h"
+
+// Implemented by a host that wants to hear when cameras come or go; it is
+// told only that something changed.
+class IUsbLib_Notify {
+public:
+    virtual void OnUsbEvent() = 0;
+    virtual ~IUsbLib_Notify() = default;
+};
+
+class UsbLib : public LoggerClient {
+public:
+    // Nobody listens.
+    static std::weak_ptr<IUsbLib_Notify> EmptyNotify;
+
+    explicit UsbLib(std::weak_ptr<IUsbLib_Notify> notify);
+    UsbLib(const UsbLib&) = delete;
+    UsbLib& operator=(const UsbLib&) = delete;
+
+    // Paths of all attached cameras, "vendor:product:bus:address" in decimal.
+    virtual std::set<std::wstring> GetAllConnectedDevicePaths() = 0;
+    // A new opaque handle, or null.
+    virtual void* OpenDevice(std::wstring path) = 0;
+    virtual void CloseDevice(void* handle) = 0;
+    // The USB product string.
+    virtual std::wstring GetDeviceName(void* handle) = 0;
+    // Fills the whole buffer, or fails.
+    virtual bool Read(DataLen* buffer, void* handle) = 0;
+    // Writes the whole buffer, or fails.
+    virtual bool Write(DataLen* buffer, void* handle) = 0;
+    ~UsbLib() override = default;
+
+    void SendOnUsbEvent();
+
+protected:
+    bool notifyEnabled;
+    std::weak_ptr<IUsbLib_Notify> notifyTarget;
+};
+
+// Character-for-character conversions, no character-set decoding.
+std::wstring strToWstr(std::string text);
+std::string wstrToStr(std::wstring text);

@@ -1,0 +1,300 @@
+#include "usb/UsbLib_libusb.h"
+
+#include <libusb.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr unsigned char endpointIn = 0x81;
+constexpr unsigned char endpointOut = 0x02;
+constexpr unsigned int packetSize = 512;
+constexpr unsigned int maxPiece = 0x100000;
+constexpr unsigned int productBufferSize = 256;
+
+// What OpenDevice hands out. The residue lives here, per opened device, so
+// two cameras on one transport never see each other's bytes.
+struct DeviceInfo {
+    libusb_device_handle* handle = nullptr;
+    std::wstring name;
+    std::vector<unsigned char> readResidue;
+};
+
+// Frees a device list on every way out.
+class DeviceList {
+public:
+    DeviceList() : list(nullptr), count(libusb_get_device_list(nullptr, &list)) {}
+    ~DeviceList()
+    {
+        if (count >= 0)
+            libusb_free_device_list(list, 1);
+    }
+    DeviceList(const DeviceList&) = delete;
+    DeviceList& operator=(const DeviceList&) = delete;
+
+    libusb_device** list = nullptr; // before count: the constructor fills it
+    ssize_t count;
+};
+
+int BulkIn(libusb_device_handle* handle, unsigned char* data, unsigned int len, int* received)
+{
+    *received = 0;
+    return libusb_bulk_transfer(handle, endpointIn, data, static_cast<int>(len), received,
+                                UsbLib_libusb::usbTimeout);
+}
+
+} // namespace
+
+std::shared_ptr<UsbLib> UsbLib_libusb::build(std::weak_ptr<IUsbLib_Notify> notify)
+{
+    return std::shared_ptr<UsbLib>(new UsbLib_libusb(notify));
+}
+
+UsbLib_libusb::UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify) : UsbLib(notify)
+{
+    // A failed init shows at the first enumeration, which logs the error.
+    libusb_init(nullptr);
+    if (notifyEnabled)
+        notifyThread = std::thread(&UsbLib_libusb::NotifyThread, this);
+}
+
+UsbLib_libusb::~UsbLib_libusb()
+{
+    if (notifyEnabled) {
+        {
+            std::lock_guard<std::mutex> lock(notifyMutex);
+            notifyStop = true;
+        }
+        notifyCondition.notify_all();
+        if (notifyThread.joinable())
+            notifyThread.join();
+    }
+    libusb_exit(nullptr);
+    QK_LOG_INF("UsbLib_libusb exit");
+}
+
+void UsbLib_libusb::NotifyThread()
+{
+    std::set<std::wstring> known = GetAllConnectedDevicePaths();
+    std::unique_lock<std::mutex> lock(notifyMutex);
+    for (;;) {
+        // The predicate keeps a spurious wake-up from looking like a stop.
+        if (notifyCondition.wait_for(lock, std::chrono::milliseconds(1000),
+                                     [this] { return notifyStop; })) {
+            QK_LOG_DEB("Notify loop exit");
+            return;
+        }
+        std::set<std::wstring> current = GetAllConnectedDevicePaths();
+        if (current != known)
+            SendOnUsbEvent();
+        known = std::move(current);
+    }
+}
+
+std::wstring UsbLib_libusb::GetDeviceIdString(libusb_device* device)
+{
+    libusb_device_descriptor desc;
+    int rc = libusb_get_device_descriptor(device, &desc);
+    if (rc != 0) {
+        QK_LOG_ERR("libusb_get_device_descriptor error: %d", rc);
+        return std::wstring();
+    }
+    return std::to_wstring(desc.idVendor) + L":" + std::to_wstring(desc.idProduct) + L":" +
+           std::to_wstring(libusb_get_bus_number(device)) + L":" +
+           std::to_wstring(libusb_get_device_address(device));
+}
+
+std::set<std::wstring> UsbLib_libusb::GetAllConnectedDevicePaths()
+{
+    std::set<std::wstring> paths;
+    DeviceList devices;
+    if (devices.count < 0) {
+        QK_LOG_ERR("libusb_get_device_list error: %d", static_cast<int>(devices.count));
+        return paths;
+    }
+    for (ssize_t i = 0; i < devices.count; ++i) {
+        libusb_device_descriptor desc;
+        int rc = libusb_get_device_descriptor(devices.list[i], &desc);
+        if (rc != 0) {
+            QK_LOG_ERR("libusb_get_device_descriptor error: %d", rc);
+            break;
+        }
+        if (desc.idVendor == vendorId && desc.idProduct == productId)
+            paths.insert(GetDeviceIdString(devices.list[i]));
+    }
+    return paths;
+}
+
+void* UsbLib_libusb::OpenDevice(std::wstring path)
+{
+    DeviceList devices;
+    if (devices.count < 0) {
+        QK_LOG_ERR("libusb_get_device_list error: %d", static_cast<int>(devices.count));
+        return nullptr;
+    }
+    libusb_device* found = nullptr;
+    libusb_device_descriptor desc;
+    for (ssize_t i = 0; i < devices.count && !found; ++i) {
+        int rc = libusb_get_device_descriptor(devices.list[i], &desc);
+        if (rc != 0) {
+            QK_LOG_ERR("libusb_get_device_descriptor error: %d", rc);
+            return nullptr;
+        }
+        if (GetDeviceIdString(devices.list[i]) == path)
+            found = devices.list[i];
+    }
+    if (!found)
+        return nullptr;
+
+    libusb_device_handle* handle = nullptr;
+    int rc = libusb_open(found, &handle);
+    if (rc != 0) {
+        QK_LOG_ERR("libusb_open error: %d", rc);
+        return nullptr;
+    }
+    rc = libusb_claim_interface(handle, 0);
+    if (rc != 0) {
+        QK_LOG_ERR("libusb_claim_interface error: %d", rc);
+        libusb_close(handle);
+        return nullptr;
+    }
+    unsigned char product[productBufferSize] = {};
+    rc = libusb_get_string_descriptor_ascii(handle, desc.iProduct, product, sizeof(product));
+    if (rc < 0) {
+        QK_LOG_ERR("libusb_get_string_descriptor_ascii error: %d", rc);
+        libusb_release_interface(handle, 0);
+        libusb_close(handle);
+        return nullptr;
+    }
+    DeviceInfo* info = new (std::nothrow) DeviceInfo;
+    if (!info) {
+        QK_LOG_ERR("OpenDevice: out of memory");
+        libusb_release_interface(handle, 0);
+        libusb_close(handle);
+        return nullptr;
+    }
+    info->handle = handle;
+    info->name = strToWstr(std::string(reinterpret_cast<char*>(product),
+                                       static_cast<size_t>(std::min<int>(rc, sizeof(product)))));
+    return info;
+}
+
+void UsbLib_libusb::CloseDevice(void* handle)
+{
+    DeviceInfo* info = static_cast<DeviceInfo*>(handle);
+    if (!info)
+        return;
+    libusb_release_interface(info->handle, 0);
+    libusb_close(info->handle);
+    delete info;
+}
+
+std::wstring UsbLib_libusb::GetDeviceName(void* handle)
+{
+    const DeviceInfo* info = static_cast<const DeviceInfo*>(handle);
+    return info ? info->name : std::wstring();
+}
+
+bool UsbLib_libusb::Read(DataLen* buffer, void* handle)
+{
+    DeviceInfo* info = static_cast<DeviceInfo*>(handle);
+    if (!info || !buffer || (!buffer->data && buffer->len > 0)) {
+        QK_LOG_ERR("Read: no device or no buffer");
+        return false;
+    }
+    unsigned char* data = static_cast<unsigned char*>(buffer->data);
+    unsigned int len = buffer->len;
+
+    // Small reads go through the residue: the device is always asked for a
+    // whole packet, and what is not asked for yet waits for the next read.
+    for (;;) {
+        std::vector<unsigned char>& residue = info->readResidue;
+        if (!residue.empty()) {
+            if (residue.size() >= len) {
+                std::memcpy(data, residue.data(), len);
+                residue.erase(residue.begin(), residue.begin() + len);
+                return true;
+            }
+            std::memcpy(data, residue.data(), residue.size());
+            data += residue.size();
+            len -= static_cast<unsigned int>(residue.size());
+            residue.clear();
+        }
+        if (len >= packetSize)
+            break;
+        if (len == 0)
+            return true;
+        unsigned char packet[packetSize];
+        int received = 0;
+        int rc = 0;
+        int transfers = 0;
+        do {
+            rc = BulkIn(info->handle, packet, packetSize, &received);
+            ++transfers;
+            if (rc == LIBUSB_ERROR_PIPE)
+                libusb_clear_halt(info->handle, endpointIn);
+        } while (rc == LIBUSB_ERROR_PIPE && transfers < MaxRetryCount);
+        if (rc != 0) {
+            QK_LOG_ERR("%s: %d", "Usb read to buffer failed", rc);
+            return false;
+        }
+        residue.assign(packet, packet + std::min<int>(std::max(received, 0), packetSize));
+    }
+
+    // Large reads go straight into the caller's buffer, a piece at a time.
+    int stalls = 0;
+    int rc = 0;
+    while (len > 0) {
+        int received = 0;
+        rc = BulkIn(info->handle, data, std::min(len, maxPiece), &received);
+        if (received <= 0) {
+            QK_LOG_ERR("libusb_bulk_transfer: size == 0");
+            return false;
+        }
+        if (rc == LIBUSB_ERROR_PIPE) {
+            libusb_clear_halt(info->handle, endpointIn);
+            ++stalls;
+        }
+        data += received;
+        len -= static_cast<unsigned int>(received);
+        if (rc == LIBUSB_ERROR_PIPE && stalls > MaxRetryCount)
+            break;
+    }
+    if (rc != 0) {
+        QK_LOG_ERR("%s: %d", "Usb read failed", rc);
+        return false;
+    }
+    return true;
+}
+
+bool UsbLib_libusb::Write(DataLen* buffer, void* handle)
+{
+    DeviceInfo* info = static_cast<DeviceInfo*>(handle);
+    if (!info || !buffer || (!buffer->data && buffer->len > 0)) {
+        QK_LOG_ERR("Write: no device or no buffer");
+        return false;
+    }
+    unsigned char* data = static_cast<unsigned char*>(buffer->data);
+    unsigned int remaining = buffer->len;
+    int attempts = 0;
+    int rc = 0;
+    do {
+        int sent = 0;
+        rc = libusb_bulk_transfer(info->handle, endpointOut, data, static_cast<int>(remaining),
+                                  &sent, usbTimeout);
+        if (rc == LIBUSB_ERROR_PIPE)
+            libusb_clear_halt(info->handle, endpointOut);
+        sent = std::max(0, std::min(sent, static_cast<int>(remaining)));
+        data += sent;
+        remaining -= static_cast<unsigned int>(sent);
+        ++attempts;
+    } while (rc == LIBUSB_ERROR_PIPE && attempts < MaxRetryCount && remaining > 0);
+    if (rc != 0) {
+        QK_LOG_ERR("Read failed: %d %s", rc, "");
+        return false;
+    }
+    return true;
+}

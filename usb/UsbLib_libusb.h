@@ -1,0 +1,42 @@
+#pragma once
+// The transport on libusb-1.0 (default context).
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "usb/UsbLib.h"
+
+struct libusb_device;
+
+class UsbLib_libusb : public UsbLib {
+public:
+    static constexpr unsigned short vendorId = 0x04A9;
+    static constexpr unsigned short productId = 0x3041;
+    static constexpr unsigned int usbTimeout = 5000; // ms, every bulk transfer
+    static constexpr int MaxRetryCount = 5;
+
+    static std::shared_ptr<UsbLib> build(std::weak_ptr<IUsbLib_Notify> notify);
+    ~UsbLib_libusb() override;
+
+    std::set<std::wstring> GetAllConnectedDevicePaths() override;
+    void* OpenDevice(std::wstring path) override;
+    void CloseDevice(void* handle) override;
+    std::wstring GetDeviceName(void* handle) override;
+    bool Read(DataLen* buffer, void* handle) override;
+    bool Write(DataLen* buffer, void* handle) override;
+
+protected:
+    explicit UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify);
+
+private:
+    std::wstring GetDeviceIdString(libusb_device* device);
+    void NotifyThread();
+
+    std::thread notifyThread;
+    std::condition_variable notifyCondition;
+    std::mutex notifyMutex;
+    bool notifyStop = false; // guarded by notifyMutex
+};
