@@ -18,6 +18,12 @@
 #include "models/PropertyDB.h"
 #include "usb/UsbLib.h"
 
+// Events raised by bits of the camera's event word.
+enum CameraEvent {
+    SHOOT_FINISHED = 0,
+    ZOOM_FINISHED = 1,
+};
+
 class DevicePTP : public std::enable_shared_from_this<DevicePTP>, public LoggerClient {
 public:
     static std::shared_ptr<DevicePTP> build(std::shared_ptr<UsbLib> usbLib, std::wstring devicePath);
@@ -52,6 +58,20 @@ public:
     std::wstring GetCameraName();
     std::wstring GetCameraId();
 
+    // The vendor channel.
+    QKResult PTPQKMGet(int subCommand, int wordCount, std::vector<int>* words);
+    QKResult PTPOpenSession();
+    // Polls until the camera reports record mode; no limit of its own.
+    QKResult PTPWaitForRecMode();
+    QKResult PTPPowerDown();
+    QKResult PTPReset();
+    QKResult EnableKbdAndLcd();
+    QKResult EnableLcd();
+    // Reads the module's version; with `requiredVersion`, QK_OLD_MODULE when older.
+    QKResult QKMLoadVersion(const char* requiredVersion);
+    QKResult PTPManualFocusEnable(bool on);
+    QKResult PTPLoadEvents();
+
     // Writes the value cache to the camera; arrives with property writing.
     QKResult PTPSetProperty(QKProp property);
 
@@ -80,6 +100,11 @@ protected:
     bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
                       std::function<void(DataLen*)>* chunkCallback);
     bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    // The one vendor command without a data phase.
+    QKResult QKMCommand(unsigned int subCommand, const char* failure);
+    // The first `count` words of a reply; false (logged) when it is shorter.
+    static bool ReplyWords(const DataLen& reply, unsigned int count, std::vector<int>* words,
+                           const char* what);
     bool UsbWrite(DataLen* buffer);
     bool UsbReadExactly(DataLen* buffer);
 
@@ -111,6 +136,9 @@ protected:
         int nextDirectFileId = -1;
         std::recursive_mutex directFilesMutex;
     } direct;
+
+    std::map<CameraEvent, bool> cameraEvents{{SHOOT_FINISHED, false}, {ZOOM_FINISHED, false}};
+    std::wstring moduleVersion;
 
     bool memLogging = false;
 };

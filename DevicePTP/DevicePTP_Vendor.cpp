@@ -1,0 +1,173 @@
+// The vendor command channel: fetching reply words, the single commands, the
+// session, record mode, the module version and the event word.
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+
+namespace {
+
+constexpr auto recModePoll = std::chrono::milliseconds(100);
+constexpr unsigned int shootFinishedBit = 0x02;
+constexpr unsigned int zoomFinishedBit = 0x08;
+
+// "%d.%d.%d.%d", missing numbers staying 0.
+std::vector<int> ParseVersion(const char* text)
+{
+    std::vector<int> numbers(4, 0);
+    std::sscanf(text, "%d.%d.%d.%d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
+    return numbers;
+}
+
+} // namespace
+
+bool DevicePTP::ReplyWords(const DataLen& reply, unsigned int count, std::vector<int>* words,
+                           const char* what)
+{
+    if (reply.len / 4 < count) {
+        QK_LOG_ERR("%s: reply of %u bytes, %u words expected", what, reply.len, count);
+        return false;
+    }
+    words->assign(count, 0);
+    std::memcpy(words->data(), reply.data, 4 * count);
+    return true;
+}
+
+QKResult DevicePTP::QKMCommand(unsigned int subCommand, const char* failure)
+{
+    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(subCommand), TRANSACTION_NODATA, nullptr, nullptr,
+                        nullptr)) {
+        QK_LOG_ERR("%s", failure);
+        return QK_ERROR;
+    }
+    return QK_OK;
+}
+
+QKResult DevicePTP::PTPQKMGet(int subCommand, int wordCount, std::vector<int>* words)
+{
+    DataLen reply;
+    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(static_cast<unsigned int>(subCommand)),
+                        TRANSACTION_GETDATA, &reply, nullptr, nullptr)) {
+        QK_LOG_ERR("PTPQKMGet failed: %d", subCommand);
+        return QK_ERROR;
+    }
+    std::vector<int> fetched;
+    bool complete = wordCount >= 0 &&
+                    ReplyWords(reply, static_cast<unsigned int>(wordCount), &fetched, "PTPQKMGet");
+    FreePtpTransactionGetBuffer(reply);
+    if (!complete) {
+        QK_LOG_ERR("PTPQKMGet failed: %d", subCommand);
+        return QK_ERROR;
+    }
+    *words = std::move(fetched);
+    return QK_OK;
+}
+
+QKResult DevicePTP::PTPOpenSession()
+{
+    {
+        std::lock_guard<std::mutex> lock(transactionMutex);
+        nextTransactionId = 0;
+    }
+    if (!PtpTransaction(PTP_OC_OpenSession, PTPmkParams(1), TRANSACTION_NODATA, nullptr, nullptr,
+                        nullptr)) {
+        QK_LOG_ERR("PTP_OC_OpenSession failed");
+        return QK_ERROR;
+    }
+    return QK_OK;
+}
+
+QKResult DevicePTP::PTPWaitForRecMode()
+{
+    for (;;) {
+        std::vector<int> mode;
+        QKResult result = PTPQKMGet(PTP_QKM_GetMode, 1, &mode);
+        if (result != QK_OK) {
+            QK_LOG_ERR("PTP_QKM_GetMode failed");
+            return result;
+        }
+        if (mode[0] == 1)
+            return QK_OK;
+        std::this_thread::sleep_for(recModePoll);
+    }
+}
+
+QKResult DevicePTP::PTPPowerDown() { return QKMCommand(PTP_QKM_PowerDown, "PTP_QKM_PowerDown failed"); }
+QKResult DevicePTP::PTPReset() { return QKMCommand(PTP_QKM_Reset, "PTP_QKM_Reset failed"); }
+
+QKResult DevicePTP::EnableLcd()
+{
+    return QKMCommand(PTP_QKM_EnableLCD, "EnableKbdAndLcd: PTP_QKM_EnableLCD failed");
+}
+
+QKResult DevicePTP::EnableKbdAndLcd()
+{
+    if (QKMCommand(PTP_QKM_EnableKbd, "EnableKbdAndLcd: PTP_QKM_EnableKbd failed") != QK_OK)
+        return QK_ERROR;
+    return EnableLcd();
+}
+
+QKResult DevicePTP::PTPManualFocusEnable(bool on)
+{
+    QK_LOG_DEB("PTPManualFocusEnable: %s", on ? "On" : "Off");
+    return QKMCommand(on ? PTP_QKM_MfOn : PTP_QKM_MfOff, "PTP_QKM_MfOn failed");
+}
+
+QKResult DevicePTP::QKMLoadVersion(const char* requiredVersion)
+{
+    DataLen reply;
+    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetQKmVersion), TRANSACTION_GETDATA, &reply,
+                        nullptr, nullptr)) {
+        QK_LOG_ERR("PTP_QKM_GetQKmVersion failed");
+        return QK_ERROR;
+    }
+    // The text ends at its zero, or at the end of the reply if a camera
+    // forgot the zero.
+    const char* bytes = static_cast<const char*>(reply.data);
+    std::string current(bytes, strnlen(bytes, reply.len));
+    FreePtpTransactionGetBuffer(reply);
+    moduleVersion = strToWstr(current);
+    if (!requiredVersion)
+        return QK_OK;
+
+    std::vector<int> have = ParseVersion(current.c_str());
+    std::vector<int> need = ParseVersion(requiredVersion);
+    for (size_t i = 0; i < have.size(); ++i) {
+        if (have[i] > need[i])
+            return QK_OK;
+        if (have[i] < need[i]) {
+            QK_LOG_ERR("Old QKm version. Current: '%s', required: '%s'", current.c_str(),
+                       requiredVersion);
+            return QK_OLD_MODULE;
+        }
+    }
+    return QK_OK;
+}
+
+QKResult DevicePTP::PTPLoadEvents()
+{
+    DataLen reply;
+    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetEvents), TRANSACTION_GETDATA, &reply,
+                        nullptr, nullptr)) {
+        QK_LOG_ERR("PTP_QKM_GetEvents failed");
+        return QK_ERROR;
+    }
+    std::vector<int> word;
+    bool complete = ReplyWords(reply, 1, &word, "PTP_QKM_GetEvents");
+    FreePtpTransactionGetBuffer(reply);
+    if (!complete) {
+        QK_LOG_ERR("PTP_QKM_GetEvents failed");
+        return QK_ERROR;
+    }
+    const unsigned int bits = static_cast<unsigned int>(word[0]);
+    // A clear bit changes nothing: each consumer clears its own flag.
+    if (bits & shootFinishedBit)
+        cameraEvents[SHOOT_FINISHED] = true;
+    if (bits & zoomFinishedBit)
+        cameraEvents[ZOOM_FINISHED] = true;
+    return QK_OK;
+}
