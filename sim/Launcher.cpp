@@ -1,0 +1,219 @@
+// qkcam-virtual: holds virtual cameras and runs a program that sees them on
+// its USB bus, through the unmodified libusb-1.0.
+
+#include "sim/Preload.h"
+#include "sim/VirtualBus.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char* const kUsage =
+    "Usage: qkcam-virtual [OPTION]... -- PROGRAM [ARGUMENT]...\n"
+    "Runs PROGRAM with virtual cameras on its USB bus, as libusb-1.0 sees it.\n"
+    "\n"
+    "  --camera MODEL:SERIAL[:PRODUCT]  add a camera (repeatable); the product\n"
+    "                                   string defaults to \"QK Virtual Camera MODEL\"\n"
+    "  --other VID:PID:PRODUCT          add a USB device that is no camera (ids in hex)\n"
+    "  --verbose                        list the devices on standard error\n"
+    "  --help                           show this help\n"
+    "\n"
+    "Exits with the status of PROGRAM (128 + the signal if it was killed).\n"
+    "Example: qkcam-virtual --camera SX160:QKS0001 --camera A1400:QKS0002 -- qkcam-list\n";
+
+volatile sig_atomic_t childPid = 0;
+
+void Forward(int signal)
+{
+    if (childPid > 0)
+        kill(childPid, signal);
+}
+
+bool SplitFields(const std::string& text, std::vector<std::string>& fields, size_t atMost)
+{
+    fields.clear();
+    size_t start = 0;
+    while (fields.size() + 1 < atMost) {
+        size_t colon = text.find(':', start);
+        if (colon == std::string::npos)
+            break;
+        fields.push_back(text.substr(start, colon - start));
+        start = colon + 1;
+    }
+    fields.push_back(text.substr(start));
+    return true;
+}
+
+bool ParseCamera(const std::string& text, qksim::CameraSetup& setup)
+{
+    std::vector<std::string> fields;
+    SplitFields(text, fields, 3);
+    if (fields.size() < 2 || fields[0].empty() || fields[1].empty())
+        return false;
+    setup.model = fields[0];
+    setup.serial = fields[1];
+    if (fields.size() == 3)
+        setup.product = fields[2];
+    return true;
+}
+
+struct OtherDevice {
+    uint16_t vendorId = 0;
+    uint16_t productId = 0;
+    std::string product;
+};
+
+bool ParseHexId(const std::string& text, uint16_t& id)
+{
+    char* end = nullptr;
+    unsigned long value = std::strtoul(text.c_str(), &end, 16);
+    if (text.empty() || *end != '\0' || value > 0xFFFF)
+        return false;
+    id = static_cast<uint16_t>(value);
+    return true;
+}
+
+bool ParseOther(const std::string& text, OtherDevice& device)
+{
+    std::vector<std::string> fields;
+    SplitFields(text, fields, 3);
+    if (fields.size() != 3 || !ParseHexId(fields[0], device.vendorId) ||
+        !ParseHexId(fields[1], device.productId))
+        return false;
+    device.product = fields[2];
+    return true;
+}
+
+int RunChild(char** programArgs)
+{
+    if (!qksim::HasPreload(std::getenv("LD_PRELOAD")))
+        setenv("LD_PRELOAD", qksim::WithPreload(std::getenv("LD_PRELOAD")).c_str(), 1);
+    setenv("ASAN_OPTIONS", qksim::WithAsanLinkOrderOff(std::getenv("ASAN_OPTIONS")).c_str(), 1);
+    setenv("UMOCKDEV_DIR", qksim::VirtualBus::Instance().RootDir().c_str(), 1);
+
+    // Like a shell running a command: the terminal's interrupt reaches the
+    // child directly; the launcher outlives it to clean up.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction forward {};
+    forward.sa_handler = Forward;
+    struct sigaction oldInt {}, oldQuit {};
+    sigaction(SIGINT, &ignore, &oldInt);
+    sigaction(SIGQUIT, &ignore, &oldQuit);
+    sigaction(SIGTERM, &forward, nullptr);
+    sigaction(SIGHUP, &forward, nullptr);
+
+    pid_t pid = fork();
+    if (pid < 0) {
+        std::perror("qkcam-virtual: fork");
+        return 127;
+    }
+    if (pid == 0) {
+        sigaction(SIGINT, &oldInt, nullptr);
+        sigaction(SIGQUIT, &oldQuit, nullptr);
+        execvp(programArgs[0], programArgs);
+        std::fprintf(stderr, "qkcam-virtual: cannot run %s: %s\n", programArgs[0], std::strerror(errno));
+        _exit(127);
+    }
+    childPid = pid;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            std::perror("qkcam-virtual: waitpid");
+            return 127;
+        }
+    }
+    childPid = 0;
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status))
+        return 128 + WTERMSIG(status);
+    return 127;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The launcher runs with the preload too: umockdev sends uevents through
+    // the mock sysfs, which only the preload shows.
+    if (!qksim::VirtualBus::EnsurePreload(argc, argv))
+        return 127;
+    std::vector<qksim::CameraSetup> cameras;
+    std::vector<OtherDevice> others;
+    bool verbose = false;
+    int programAt = -1;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (arg == "--") {
+            programAt = i + 1;
+            break;
+        }
+        if (arg == "--verbose" || arg == "-v") {
+            verbose = true;
+            continue;
+        }
+        if ((arg == "--camera" || arg == "--other") && i + 1 < argc) {
+            const std::string value = argv[++i];
+            qksim::CameraSetup setup;
+            OtherDevice other;
+            if (arg == "--camera" && ParseCamera(value, setup)) {
+                cameras.push_back(setup);
+                continue;
+            }
+            if (arg == "--other" && ParseOther(value, other)) {
+                others.push_back(other);
+                continue;
+            }
+            std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s\n", arg.c_str(), value.c_str());
+            return 2;
+        }
+        std::fprintf(stderr, "qkcam-virtual: unexpected argument %s\n%s", arg.c_str(), kUsage);
+        return 2;
+    }
+    if (programAt < 0 || programAt >= argc) {
+        std::fprintf(stderr, "qkcam-virtual: no program to run\n%s", kUsage);
+        return 2;
+    }
+
+    qksim::VirtualBus& bus = qksim::VirtualBus::Instance();
+    std::vector<std::shared_ptr<qksim::VirtualCamera>> added;
+    for (const auto& setup : cameras) {
+        auto camera = bus.AddCamera(setup);
+        if (!camera) {
+            std::fprintf(stderr, "qkcam-virtual: cannot add camera %s:%s\n", setup.model.c_str(),
+                         setup.serial.c_str());
+            return 1;
+        }
+        if (verbose) {
+            const std::wstring path = camera->Path();
+            std::fprintf(stderr, "qkcam-virtual: %s, serial %s, at %ls\n", camera->Setup().product.c_str(),
+                         setup.serial.c_str(), path.c_str());
+        }
+        added.push_back(camera);
+    }
+    for (const auto& other : others) {
+        bus.AddOtherDevice(other.vendorId, other.productId, other.product);
+        if (verbose)
+            std::fprintf(stderr, "qkcam-virtual: %04x:%04x %s\n", other.vendorId, other.productId,
+                         other.product.c_str());
+    }
+
+    const int status = RunChild(argv + programAt);
+    added.clear();
+    bus.RemoveAll();
+    return status;
+}

@@ -1,0 +1,122 @@
+#include "sim/VirtualCameraImpl.h"
+
+#include "sim/CameraOperations.h"
+
+namespace qksim {
+
+std::string DefaultProduct(const std::string& model)
+{
+    return "QK Virtual Camera " + model;
+}
+
+namespace {
+
+UsbIdentity CameraIdentity(const CameraSetup& setup)
+{
+    UsbIdentity id;
+    id.kind = UsbIdentity::Kind::Camera;
+    id.vendorId = setup.vendorId;
+    id.productId = setup.productId;
+    id.manufacturer = "QK Virtual Devices";
+    id.product = setup.product;
+    id.serial = setup.serial;
+    return id;
+}
+
+} // namespace
+
+VirtualCameraImpl::VirtualCameraImpl(const CameraSetup& setup_)
+    : setup(setup_), responder(std::make_shared<PtpResponder>())
+{
+    InstallCameraOperations(*responder, setup);
+    std::shared_ptr<PtpResponder> answering = responder;
+    device = std::make_shared<UsbfsDevice>(
+        CameraIdentity(setup),
+        [answering](const std::vector<uint8_t>& transfer) { return answering->Receive(transfer); });
+}
+
+std::wstring VirtualCameraImpl::Path() const
+{
+    return std::to_wstring(setup.vendorId) + L":" + std::to_wstring(setup.productId) + L":" +
+           std::to_wstring(setup.busNumber) + L":" + std::to_wstring(setup.address);
+}
+
+void VirtualCameraImpl::SetOperationHandler(uint16_t code, OperationHandler handler)
+{
+    responder->SetOperationHandler(code, std::move(handler));
+}
+
+void VirtualCameraImpl::SetVendorHandler(uint32_t subCommand, OperationHandler handler)
+{
+    responder->SetVendorHandler(subCommand, std::move(handler));
+}
+
+std::vector<PtpCommand> VirtualCameraImpl::ReceivedCommands() const
+{
+    return responder->ReceivedCommands();
+}
+
+UsbTraffic VirtualCameraImpl::Traffic() const
+{
+    return device->Traffic();
+}
+
+void VirtualCameraImpl::ClearRecords()
+{
+    responder->ClearRecords();
+    device->ClearTraffic();
+}
+
+void VirtualCameraImpl::StallNext(uint8_t endpoint, int count)
+{
+    device->StallNext(endpoint, count);
+}
+
+void VirtualCameraImpl::TimeOutNext(uint8_t endpoint, int count)
+{
+    device->TimeOutNext(endpoint, count);
+}
+
+void VirtualCameraImpl::GeneralErrorNext(int count, bool insteadOfData)
+{
+    responder->GeneralErrorNext(count, insteadOfData);
+}
+
+void VirtualCameraImpl::QueueRawIn(const std::vector<uint8_t>& bytes)
+{
+    device->QueueRawIn(bytes);
+}
+
+void VirtualCameraImpl::QueueRawPackets(const std::vector<std::vector<uint8_t>>& packets)
+{
+    device->QueueRawPackets(packets);
+}
+
+void VirtualCameraImpl::SetPacketSizes(const std::vector<uint32_t>& sizes)
+{
+    device->SetPacketSizes(sizes);
+}
+
+void VirtualCameraImpl::FailClaim(bool fail)
+{
+    device->FailClaim(fail);
+}
+
+void VirtualCameraImpl::Unplug()
+{
+    device->Unplug();
+    if (unplugHook)
+        unplugHook();
+}
+
+bool VirtualCameraImpl::Plugged() const
+{
+    return device->Plugged();
+}
+
+void VirtualCameraImpl::SilenceNext(int count)
+{
+    responder->SilenceNext(count);
+}
+
+} // namespace qksim

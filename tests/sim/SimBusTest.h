@@ -1,0 +1,159 @@
+#pragma once
+// Fixture for talking to virtual cameras through plain libusb calls, as any
+// host program would.
+
+#include "sim/VirtualBus.h"
+
+#include <gtest/gtest.h>
+#include <libusb-1.0/libusb.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace simtest {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr unsigned kTimeoutMs = 2000;
+
+inline void Put32(Bytes& out, uint32_t value)
+{
+    for (int shift = 0; shift < 32; shift += 8)
+        out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+inline uint32_t Get32(const Bytes& in, size_t at)
+{
+    return static_cast<uint32_t>(in.at(at)) | (static_cast<uint32_t>(in.at(at + 1)) << 8) |
+           (static_cast<uint32_t>(in.at(at + 2)) << 16) | (static_cast<uint32_t>(in.at(at + 3)) << 24);
+}
+
+inline uint16_t Get16(const Bytes& in, size_t at)
+{
+    return static_cast<uint16_t>(in.at(at) | (in.at(at + 1) << 8));
+}
+
+inline Bytes Command(uint16_t code, uint32_t transId, const std::vector<uint32_t>& params)
+{
+    Bytes out;
+    Put32(out, static_cast<uint32_t>(12 + 4 * params.size()));
+    out.insert(out.end(), {1, 0, static_cast<uint8_t>(code), static_cast<uint8_t>(code >> 8)});
+    Put32(out, transId);
+    for (uint32_t p : params)
+        Put32(out, p);
+    return out;
+}
+
+class SimBusTest : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        for (libusb_device_handle* handle : handles)
+            libusb_close(handle);
+        handles.clear();
+        if (context)
+            libusb_exit(context);
+        context = nullptr;
+        qksim::VirtualBus::Instance().RemoveAll();
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> Add(const std::string& model, const std::string& serial,
+                                              const std::string& product = "")
+    {
+        qksim::CameraSetup setup;
+        setup.model = model;
+        setup.serial = serial;
+        setup.product = product;
+        auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
+        EXPECT_TRUE(camera);
+        return camera;
+    }
+
+    libusb_context* Context()
+    {
+        if (!context) {
+            EXPECT_EQ(libusb_init(&context), 0);
+        }
+        return context;
+    }
+
+    // The device at the camera's bus and address; it holds a reference.
+    libusb_device* Find(const qksim::VirtualCamera& camera)
+    {
+        libusb_device** list = nullptr;
+        ssize_t count = libusb_get_device_list(Context(), &list);
+        libusb_device* found = nullptr;
+        for (ssize_t i = 0; i < count; ++i) {
+            if (libusb_get_bus_number(list[i]) == camera.BusNumber() &&
+                libusb_get_device_address(list[i]) == camera.Address())
+                found = libusb_ref_device(list[i]);
+        }
+        if (count >= 0)
+            libusb_free_device_list(list, 1);
+        return found;
+    }
+
+    // Opened, interface 0 claimed if asked; closed by the fixture.
+    libusb_device_handle* Open(const qksim::VirtualCamera& camera, bool claim = true)
+    {
+        libusb_device* device = Find(camera);
+        EXPECT_NE(device, nullptr);
+        if (!device)
+            return nullptr;
+        libusb_device_handle* handle = nullptr;
+        EXPECT_EQ(libusb_open(device, &handle), 0);
+        libusb_unref_device(device);
+        if (!handle)
+            return nullptr;
+        handles.push_back(handle);
+        if (claim) {
+            EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
+        }
+        return handle;
+    }
+
+    void Close(libusb_device_handle* handle)
+    {
+        for (auto it = handles.begin(); it != handles.end(); ++it) {
+            if (*it == handle) {
+                handles.erase(it);
+                break;
+            }
+        }
+        libusb_close(handle);
+    }
+
+    static int Send(libusb_device_handle* handle, Bytes bytes, unsigned timeoutMs = kTimeoutMs)
+    {
+        int sent = 0;
+        int result = libusb_bulk_transfer(handle, 0x02, bytes.data(), static_cast<int>(bytes.size()), &sent,
+                                          timeoutMs);
+        if (result == 0) {
+            EXPECT_EQ(sent, static_cast<int>(bytes.size()));
+        }
+        return result;
+    }
+
+    // One bulk IN transfer of `length` bytes; what came, and the result code.
+    static Bytes Receive(libusb_device_handle* handle, int length, int* result = nullptr,
+                         unsigned timeoutMs = kTimeoutMs)
+    {
+        Bytes buffer(static_cast<size_t>(length));
+        int got = 0;
+        int code = libusb_bulk_transfer(handle, 0x81, buffer.data(), length, &got, timeoutMs);
+        if (result) {
+            *result = code;
+        } else {
+            EXPECT_EQ(code, 0);
+        }
+        buffer.resize(static_cast<size_t>(got));
+        return buffer;
+    }
+
+    libusb_context* context = nullptr;
+    std::vector<libusb_device_handle*> handles;
+};
+
+} // namespace simtest

@@ -1,0 +1,246 @@
+// The virtual bus as libusb sees it: devices, descriptors, strings, claims,
+// hot-plug and unplug.
+
+#include "tests/sim/SimBusTest.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using namespace simtest;
+
+std::string StringOf(libusb_device_handle* handle, uint8_t index)
+{
+    unsigned char text[256] = {};
+    int length = libusb_get_string_descriptor_ascii(handle, index, text, sizeof text);
+    return length < 0 ? "<error " + std::to_string(length) + ">" : std::string(reinterpret_cast<char*>(text));
+}
+
+class BusEnumeration : public SimBusTest {};
+
+TEST_F(BusEnumeration, ListsTwoCamerasAnotherDeviceAndTheRootHub)
+{
+    auto sx = Add("SX160", "QKS0001");
+    auto a = Add("A1400", "QKS0002");
+    qksim::VirtualBus::Instance().AddOtherDevice(0x046d, 0xc077, "Mouse");
+    EXPECT_EQ(sx->Path(), L"1193:12353:1:2");
+    EXPECT_EQ(a->Path(), L"1193:12353:1:3");
+
+    libusb_device** list = nullptr;
+    ssize_t count = libusb_get_device_list(Context(), &list);
+    ASSERT_EQ(count, 4);
+    std::vector<std::wstring> cameras;
+    int others = 0;
+    int hubs = 0;
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor d{};
+        ASSERT_EQ(libusb_get_device_descriptor(list[i], &d), 0);
+        if (d.idVendor == 0x04A9 && d.idProduct == 0x3041)
+            cameras.push_back(L"1193:12353:" + std::to_wstring(libusb_get_bus_number(list[i])) + L":" +
+                              std::to_wstring(libusb_get_device_address(list[i])));
+        else if (d.idVendor == 0x046d && d.idProduct == 0xc077)
+            ++others;
+        else if (d.idVendor == 0x1d6b && d.bDeviceClass == LIBUSB_CLASS_HUB)
+            ++hubs;
+    }
+    libusb_free_device_list(list, 1);
+    std::sort(cameras.begin(), cameras.end());
+    EXPECT_EQ(cameras, (std::vector<std::wstring>{sx->Path(), a->Path()}));
+    EXPECT_EQ(others, 1);
+    EXPECT_EQ(hubs, 1);
+}
+
+TEST_F(BusEnumeration, ExplicitBusAndAddressAreHonoured)
+{
+    qksim::CameraSetup setup;
+    setup.busNumber = 3;
+    setup.address = 17;
+    auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
+    ASSERT_TRUE(camera);
+    EXPECT_EQ(camera->Path(), L"1193:12353:3:17");
+    libusb_device* device = Find(*camera);
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(libusb_get_device_speed(device), LIBUSB_SPEED_HIGH);
+    libusb_unref_device(device);
+    // An address in use is refused.
+    EXPECT_FALSE(qksim::VirtualBus::Instance().AddCamera(setup));
+}
+
+TEST_F(BusEnumeration, FreedAddressesAreUsedAgain)
+{
+    auto first = Add("SX160", "S1");
+    auto second = Add("SX160", "S2");
+    qksim::VirtualBus::Instance().Remove(first);
+    EXPECT_EQ(Add("SX160", "S3")->Address(), first->Address());
+    EXPECT_EQ(Add("SX160", "S4")->Address(), second->Address() + 1);
+}
+
+TEST_F(BusEnumeration, ConfigurationDescribesTheStillImageInterface)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device* device = Find(*camera);
+    ASSERT_NE(device, nullptr);
+    libusb_config_descriptor* config = nullptr;
+    ASSERT_EQ(libusb_get_active_config_descriptor(device, &config), 0);
+    libusb_unref_device(device);
+    ASSERT_EQ(config->bNumInterfaces, 1);
+    const libusb_interface_descriptor& intf = config->interface[0].altsetting[0];
+    EXPECT_EQ(intf.bInterfaceClass, 6);
+    EXPECT_EQ(intf.bInterfaceSubClass, 1);
+    EXPECT_EQ(intf.bInterfaceProtocol, 1);
+    ASSERT_GE(intf.bNumEndpoints, 2);
+    EXPECT_EQ(intf.endpoint[0].bEndpointAddress, 0x81);
+    EXPECT_EQ(intf.endpoint[0].bmAttributes & 3, LIBUSB_TRANSFER_TYPE_BULK);
+    EXPECT_EQ(intf.endpoint[0].wMaxPacketSize, 512);
+    EXPECT_EQ(intf.endpoint[1].bEndpointAddress, 0x02);
+    EXPECT_EQ(intf.endpoint[1].bmAttributes & 3, LIBUSB_TRANSFER_TYPE_BULK);
+    EXPECT_EQ(intf.endpoint[1].wMaxPacketSize, 512);
+    libusb_free_config_descriptor(config);
+}
+
+class BusControl : public SimBusTest {};
+
+TEST_F(BusControl, StringsCarryProductAndSerial)
+{
+    auto plain = Add("SX160", "QKS0001");
+    auto named = Add("A1400", "QKS0002", "Virtual A1400 IS");
+    libusb_device_descriptor d{};
+    libusb_device_handle* handle = Open(*plain, false);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(libusb_get_device_descriptor(libusb_get_device(handle), &d), 0);
+    EXPECT_EQ(StringOf(handle, d.iProduct), "QK Virtual Camera SX160");
+    EXPECT_EQ(StringOf(handle, d.iSerialNumber), "QKS0001");
+    EXPECT_EQ(plain->Setup().product, "QK Virtual Camera SX160");
+    handle = Open(*named, false);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(StringOf(handle, d.iProduct), "Virtual A1400 IS");
+}
+
+TEST_F(BusControl, DescriptorsReadOverTheWireMatchTheListedOnes)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* handle = Open(*camera, false);
+    ASSERT_NE(handle, nullptr);
+    Bytes wire(18);
+    ASSERT_EQ(libusb_get_descriptor(handle, LIBUSB_DT_DEVICE, 0, wire.data(), 18), 18);
+    libusb_device_descriptor listed{};
+    ASSERT_EQ(libusb_get_device_descriptor(libusb_get_device(handle), &listed), 0);
+    EXPECT_EQ(Get16(wire, 8), listed.idVendor);
+    EXPECT_EQ(Get16(wire, 10), listed.idProduct);
+    Bytes language(4);
+    ASSERT_EQ(libusb_get_string_descriptor(handle, 0, 0, language.data(), 4), 4);
+    EXPECT_EQ(language, (Bytes{4, 3, 0x09, 0x04}));
+    // A short read gives what was asked for.
+    Bytes config(9);
+    ASSERT_EQ(libusb_get_descriptor(handle, LIBUSB_DT_CONFIG, 0, config.data(), 9), 9);
+    EXPECT_EQ(Get16(config, 2), 9 + 9 + 3 * 7);
+}
+
+TEST_F(BusControl, UnknownRequestsStall)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* handle = Open(*camera, false);
+    ASSERT_NE(handle, nullptr);
+    uint8_t data[4];
+    EXPECT_EQ(libusb_control_transfer(handle, 0xC0, 0x42, 0, 0, data, 4, kTimeoutMs), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(libusb_get_string_descriptor(handle, 9, 0x0409, data, 4), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 0);
+}
+
+class BusClaim : public SimBusTest {};
+
+TEST_F(BusClaim, FailingClaimAnswersBusy)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* handle = Open(*camera, false);
+    ASSERT_NE(handle, nullptr);
+    camera->FailClaim(true);
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+    camera->FailClaim(false);
+    EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
+    EXPECT_EQ(libusb_release_interface(handle, 0), 0);
+}
+
+TEST_F(BusClaim, SecondOpenerIsBusyUntilTheFirstLetsGo)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* first = Open(*camera);
+    libusb_device_handle* second = Open(*camera, false);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(libusb_claim_interface(second, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(libusb_claim_interface(first, 1), LIBUSB_ERROR_NOT_FOUND);
+    Close(first); // closing the file gives the interface up
+    EXPECT_EQ(libusb_claim_interface(second, 0), 0);
+}
+
+class BusHotplug : public SimBusTest {
+protected:
+    // Polls the device list until the camera is (or is no longer) there.
+    bool WaitListed(const qksim::VirtualCamera& camera, bool listed)
+    {
+        for (int i = 0; i < 200; ++i) {
+            libusb_device* device = Find(camera);
+            if (device)
+                libusb_unref_device(device);
+            if ((device != nullptr) == listed)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+};
+
+TEST_F(BusHotplug, CameraAddedAfterInitArrives)
+{
+    Context();
+    auto camera = Add("SX160", "QKS0001");
+    EXPECT_TRUE(WaitListed(*camera, true));
+}
+
+TEST_F(BusHotplug, UnpluggedCameraAnswersNoDeviceAndLeavesTheList)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* handle = Open(*camera);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_TRUE(camera->Plugged());
+    camera->Unplug();
+    EXPECT_FALSE(camera->Plugged());
+    int result = 0;
+    Receive(handle, 512, &result);
+    EXPECT_EQ(result, LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(Send(handle, Command(0x1002, 0, {1})), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libusb_clear_halt(handle, 0x81), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_TRUE(WaitListed(*camera, false));
+}
+
+TEST_F(BusHotplug, UnplugEndsAWaitingRead)
+{
+    auto camera = Add("SX160", "QKS0001");
+    libusb_device_handle* handle = Open(*camera);
+    ASSERT_NE(handle, nullptr);
+    int result = 0;
+    auto start = std::chrono::steady_clock::now();
+    std::thread reader([&] { Receive(handle, 512, &result, 5000); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    camera->Unplug();
+    reader.join();
+    EXPECT_EQ(result, LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(BusHotplug, RemovedCameraIsGoneAndOthersStay)
+{
+    auto gone = Add("SX160", "QKS0001");
+    auto stays = Add("A1400", "QKS0002");
+    Context();
+    qksim::VirtualBus::Instance().Remove(gone);
+    EXPECT_TRUE(WaitListed(*gone, false));
+    libusb_device_handle* handle = Open(*stays);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(Send(handle, Command(0x1002, 0, {1})), 0);
+    EXPECT_EQ(Get16(Receive(handle, 512), 6), 0x2001);
+}
+
+} // namespace
