@@ -105,10 +105,3 @@ void DevicePTP::TemporaryStopPreview(bool) {}
 QKResult DevicePTP::SetPreShootProperty() { return QK_OK; }
 bool DevicePTP::IsMemLogging() { return memLogging; }
 void DevicePTP::OnFocusChanged() { QK_LOG_DEB("OnFocusChanged event"); }
-
-QKResult DevicePTP::PTPSetProperty(QKProp property)
-{
-    QK_LOG_ERR("PTPSetProperty: property %d can't be written by this build",
-               static_cast<int>(property));
-    return QK_ERROR;
-}

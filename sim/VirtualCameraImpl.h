@@ -1,6 +1,7 @@
 #pragma once
 // A virtual camera: its PTP responder behind a virtual USB device.
 
+#include "sim/CameraSettings.h"
 #include "sim/PtpResponder.h"
 #include "sim/UsbfsDevice.h"
 #include "sim/VirtualBus.h"
@@ -44,9 +45,13 @@ public:
 
     void SilenceNext(int count) override;
 
+    // Settings: property cases, mode, version, events, battery, flags, zoom.
+    CameraSettings& Settings() override { return *settings; }
+
 private:
     const CameraSetup setup;
     std::shared_ptr<PtpResponder> responder;
+    std::shared_ptr<CameraSettings> settings;
     std::shared_ptr<UsbfsDevice> device;
     std::function<void()> unplugHook;
 };
