@@ -1,0 +1,111 @@
+#pragma once
+// A loaded camera of a chosen model, with its hooks recorded in order.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+#include "sim/CameraSettings.h"
+#include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
+
+namespace qktest {
+
+class RecordingCamera : public DevicePTP {
+public:
+    RecordingCamera(std::shared_ptr<UsbLib> usb, std::wstring path) : DevicePTP(std::move(usb), std::move(path)) {}
+
+    void OnPropertyChanged(int property) override { Note("changed " + std::to_string(property)); }
+    void OnPropertyListChanged() override { Note("list"); }
+    std::vector<std::string> Hooks()
+    {
+        std::lock_guard<std::mutex> lock(hooksMutex);
+        return hooks;
+    }
+    void ClearHooks()
+    {
+        std::lock_guard<std::mutex> lock(hooksMutex);
+        hooks.clear();
+    }
+    std::wstring ModuleVersion() const { return moduleVersion; }
+    const CameraConfig& Record() const { return cameraConfig; }
+    bool FlagBit0() const { return camFlagBit0; }
+    bool FlagBit2() const { return camFlagBit2; }
+
+private:
+    void Note(const std::string& what)
+    {
+        std::lock_guard<std::mutex> lock(hooksMutex);
+        hooks.push_back(what);
+    }
+    std::mutex hooksMutex;
+    std::vector<std::string> hooks;
+};
+
+// One vendor sub-command as the camera received it: the parameters behind it.
+struct VendorCall {
+    uint32_t sub;
+    std::vector<uint32_t> args;
+    bool operator==(const VendorCall& o) const { return sub == o.sub && args == o.args; }
+};
+
+inline std::vector<VendorCall> VendorCalls(const qksim::VirtualCamera& camera, uint32_t only = 0)
+{
+    std::vector<VendorCall> calls;
+    for (const qksim::PtpCommand& c : camera.ReceivedCommands()) {
+        if (c.code != PTP_OC_QKM || c.params.empty())
+            continue;
+        if (only && c.params[0] != only)
+            continue;
+        calls.push_back({c.params[0], std::vector<uint32_t>(c.params.begin() + 1, c.params.end())});
+    }
+    return calls;
+}
+
+inline std::ostream& operator<<(std::ostream& os, const VendorCall& call)
+{
+    os << "sub 0x" << std::hex << call.sub << std::dec << " (";
+    for (uint32_t a : call.args)
+        os << a << " ";
+    return os << ")";
+}
+
+class PropertyTest : public VirtualCameraTest {
+protected:
+    void TearDown() override
+    {
+        device.reset();
+        VirtualCameraTest::TearDown();
+    }
+
+    // Adds the camera and opens it; the caller may adjust the camera before loading.
+    void Open(const std::string& model)
+    {
+        camera = AddCamera(model, "QKS0001");
+        ASSERT_TRUE(camera);
+        device = std::make_shared<RecordingCamera>(Transport(), camera->Path());
+        ASSERT_EQ(device->Init(), QK_OK);
+    }
+    void Load()
+    {
+        ASSERT_EQ(device->InitialLoadProperties(), QK_OK);
+        camera->ClearRecords();
+        device->ClearHooks();
+    }
+    int Value(QKProp property)
+    {
+        int value = -12345;
+        EXPECT_EQ(device->GetPropertyData(static_cast<int>(property), &value), QK_OK);
+        return value;
+    }
+    qksim::CameraSettings& Settings() { return camera->Settings(); }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+    std::shared_ptr<RecordingCamera> device;
+};
+
+constexpr int P(QKProp p) { return static_cast<int>(p); }
+
+} // namespace qktest

@@ -1,0 +1,263 @@
+// Writing properties: the checks, the constraints, the dependent change, the
+// writes on the wire by write kind, and the order of hooks.
+
+#include <atomic>
+#include <thread>
+
+#include "tests/property/PropertyFixture.h"
+
+namespace {
+
+using namespace qktest;
+using qksim::PtpCommand;
+using qksim::PtpReply;
+
+constexpr uint32_t Set = PTP_QKM_SetPropCase;
+
+class PropertyWriteTest : public PropertyTest {
+protected:
+    void LoadSX160()
+    {
+        Open("SX160");
+        Load();
+    }
+    std::vector<VendorCall> Writes() { return VendorCalls(*camera); }
+};
+
+TEST_F(PropertyWriteTest, PlainAndSubPropertyWritesCarryTheRawValue)
+{
+    LoadSX160();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::MeteringMode), 2), QK_OK);
+    // "+1" is 96 on this camera: -2 is 65344, and nine thirds of a stop later it wraps.
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ExposureComp), 300), QK_OK);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::RedEyeMode), 0), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {157, 2}},
+                                                 {Set, {107, 96}},
+                                                 {Set, {211, 96}},
+                                                 {Set, {220, 1}},
+                                                 {Set, {217, 1}}}));
+    EXPECT_EQ(Settings().PropCase(107), 96);
+    EXPECT_EQ(Value(QKProp::ExposureComp), 300);
+    // Unchanged values are written again.
+    camera->ClearRecords();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::MeteringMode), 2), QK_OK);
+    EXPECT_EQ(Writes().size(), 1u);
+}
+
+TEST_F(PropertyWriteTest, SubProperty2WritesThreeCases)
+{
+    Open("A810");
+    Load();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::RedEyeMode), 1), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {220, 0}}, {Set, {217, 0}}, {Set, {5, 0}}}));
+}
+
+TEST_F(PropertyWriteTest, FlashPowerWritesItsPairOfCases)
+{
+    LoadSX160();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::FlashPower), 3), QK_OK);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::FlashPower), 0), QK_OK);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::FlashPower), 1), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {121, 1}},
+                                                 {Set, {141, 2}},
+                                                 {Set, {121, 0}},
+                                                 {Set, {121, 1}},
+                                                 {Set, {141, 0}}}));
+}
+
+TEST_F(PropertyWriteTest, ShootingModeGoesAsCaptureModeAndOnlyWhenItChanges)
+{
+    LoadSX160();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ShootingMode), 1), QK_OK); // already Program
+    EXPECT_TRUE(Writes().empty());
+    EXPECT_TRUE(device->Hooks().empty());
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ShootingMode), 2), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{PTP_QKM_SetCaptureMode, {32769}}}));
+    // The camera shows the new mode where the dial shows it.
+    EXPECT_EQ(Settings().PropCase(49), 32769);
+    ASSERT_EQ(device->ReadCameraMode(), QK_OK);
+    EXPECT_EQ(device->Hooks(), std::vector<std::string>{"list"});
+}
+
+TEST_F(PropertyWriteTest, ManualFocusSwitchesTheLens)
+{
+    LoadSX160();
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ManualFocusMode), 0), QK_OK);
+    EXPECT_TRUE(Settings().ManualFocusOn());
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ManualFocusMode), 1), QK_OK);
+    EXPECT_FALSE(Settings().ManualFocusOn());
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{PTP_QKM_MfOn, {}}, {PTP_QKM_MfOff, {}}}));
+}
+
+TEST_F(PropertyWriteTest, AvFollowsTheShootingMode)
+{
+    LoadSX160();
+    LogMark mark;
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::Av), 56), QK_UNSUPPORTED_VALUE);
+    EXPECT_EQ(mark.Count("Property set constraint failed: 8 56"), 1);
+    EXPECT_TRUE(Writes().empty());
+
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ShootingMode), 3), QK_OK); // AV
+    EXPECT_EQ(device->Hooks(), std::vector<std::string>{"list"});
+    EXPECT_EQ(mark.Count("Property list changed", "INF"), 1);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::Av), 56), QK_OK);
+    EXPECT_EQ(Settings().PropCase(26), 480);
+    // Tv stays barred in AV.
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::Tv), 150000), QK_UNSUPPORTED_VALUE);
+    EXPECT_EQ(mark.Count("Property set constraint failed: 9 150000"), 1);
+}
+
+TEST_F(PropertyWriteTest, CustomColorOpensTheColourProperties)
+{
+    LoadSX160();
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::Contrast), 3), QK_UNSUPPORTED_VALUE);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::MyColors), 11), QK_OK);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::Contrast), 3), QK_OK);
+    EXPECT_EQ(Settings().PropCase(59), 1);
+}
+
+TEST_F(PropertyWriteTest, LargeImageMovesSuperfineToFineFirst)
+{
+    Open("SX160");
+    Settings().SetPropCase(222, 1); // medium size
+    Settings().SetPropCase(57, 0);  // superfine
+    Load();
+    LogMark mark;
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {57, 1}}, {Set, {222, 0}}}));
+    EXPECT_EQ(device->Hooks(), (std::vector<std::string>{"changed 2", "list"}));
+    EXPECT_EQ(mark.Count("Property changed: 2", "INF"), 1);
+    EXPECT_EQ(Value(QKProp::JpegQuality), 1);
+
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::JpegQuality), 0), QK_UNSUPPORTED_VALUE);
+    EXPECT_EQ(mark.Count("Property set constraint failed: 2 0"), 1);
+}
+
+TEST_F(PropertyWriteTest, RefusalsNameTheirReason)
+{
+    LoadSX160();
+    LogMark mark;
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::BatteryLevel), 99), QK_ERROR);
+    EXPECT_EQ(mark.Count("failed to set read only property"), 1);
+    EXPECT_EQ(device->SetPropertyData(12, 0), QK_UNKNOWN_PROPERTY);
+    EXPECT_EQ(mark.Count("Unknown property: 12"), 1);
+    // In the enumeration, not in this model's table.
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::ISOSpeed), 3200), QK_UNSUPPORTED_VALUE);
+    EXPECT_EQ(mark.Count("Unsupported property value: 7 3200"), 1);
+    const char* name = nullptr;
+    EXPECT_EQ(GetPropertyValName(P(QKProp::ISOSpeed), 3200, &name), 0);
+    EXPECT_TRUE(Writes().empty());
+}
+
+TEST_F(PropertyWriteTest, ModelWithoutBatteryCallsItUnknown)
+{
+    Open("SX410IS");
+    Load();
+    LogMark mark;
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::BatteryLevel), 1), QK_UNKNOWN_PROPERTY);
+    EXPECT_EQ(mark.Count("Unknown property: 13"), 1);
+}
+
+TEST_F(PropertyWriteTest, EverythingIsUnknownBeforeALoad)
+{
+    Open("SX160");
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::MeteringMode), 1), QK_UNKNOWN_PROPERTY);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+TEST_F(PropertyWriteTest, ByNameGoesTheSameWay)
+{
+    LoadSX160();
+    ASSERT_EQ(device->SetPropertyDataByName(P(QKProp::ExposureComp), "+1"), QK_OK);
+    EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {107, 96}}, {Set, {211, 96}}}));
+    LogMark mark;
+    EXPECT_EQ(device->SetPropertyDataByName(P(QKProp::ExposureComp), "+7"), QK_UNSUPPORTED_VALUE);
+    EXPECT_EQ(mark.Since(), "");
+    EXPECT_EQ(device->SetPropertyDataByName(P(QKProp::Contrast), "+2"), QK_UNSUPPORTED_VALUE);
+}
+
+TEST_F(PropertyWriteTest, FailedWriteKeepsTheCacheAndRaisesNothing)
+{
+    Open("SX160");
+    Settings().SetPropCase(222, 1);
+    Settings().SetPropCase(57, 0);
+    Load();
+    PtpReply refused;
+    refused.responseCode = 0x2005;
+    camera->SetVendorHandler(Set, [refused](const PtpCommand&) { return refused; });
+    LogMark mark;
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_QKM_SetPropCase failed: 2 57 1"), 1);
+    // Nothing rolled back, nothing announced.
+    EXPECT_EQ(Value(QKProp::ImageSize), 0);
+    EXPECT_EQ(Value(QKProp::JpegQuality), 1);
+    EXPECT_TRUE(device->Hooks().empty());
+}
+
+TEST_F(PropertyWriteTest, GuardHookStopsAWrite)
+{
+    struct Guarded : RecordingCamera {
+        using RecordingCamera::RecordingCamera;
+        QKResult GuardCameraState() override { return QK_NOT_READY; }
+    };
+    Open("SX160");
+    auto guarded = std::make_shared<Guarded>(usb, camera->Path());
+    device.reset();
+    ASSERT_EQ(guarded->Init(), QK_OK);
+    ASSERT_EQ(guarded->InitialLoadProperties(), QK_OK);
+    camera->ClearRecords();
+    EXPECT_EQ(guarded->SetPropertyData(P(QKProp::MeteringMode), 1), QK_NOT_READY);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+TEST_F(PropertyWriteTest, HooksMayCallBackIntoTheObject)
+{
+    struct Reentrant : RecordingCamera {
+        using RecordingCamera::RecordingCamera;
+        void OnPropertyListChanged() override
+        {
+            int value = 0;
+            seen = GetPropertyData(static_cast<int>(QKProp::ShootingMode), &value) == QK_OK ? value : -1;
+        }
+        int seen = -2;
+    };
+    Open("SX160");
+    auto host = std::make_shared<Reentrant>(usb, camera->Path());
+    device.reset();
+    ASSERT_EQ(host->Init(), QK_OK);
+    ASSERT_EQ(host->InitialLoadProperties(), QK_OK);
+    // A hook running with the lock held would still see its own thread's
+    // value; a second thread must get through as well.
+    std::thread other([&] { EXPECT_EQ(host->SetPropertyData(P(QKProp::ShootingMode), 2), QK_OK); });
+    other.join();
+    EXPECT_EQ(host->seen, 2);
+}
+
+TEST_F(PropertyWriteTest, QueriesFromAnotherThreadSeeWholeWrites)
+{
+    LoadSX160();
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::thread reader([&] {
+        while (!stop) {
+            int size = -1, quality = -1;
+            device->GetPropertyData(P(QKProp::ImageSize), &size);
+            device->GetPropertyData(P(QKProp::JpegQuality), &quality);
+            QKProp_Desc* desc = nullptr;
+            if (device->GetPropertyDesc(P(QKProp::JpegQuality), &desc) == QK_OK) {
+                if (desc->count <= 0)
+                    ++bad;
+                device->FreePointer(desc);
+            }
+        }
+    });
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_EQ(device->SetPropertyData(P(QKProp::JpegQuality), 0), i % 2 ? QK_OK : QK_UNSUPPORTED_VALUE);
+        ASSERT_EQ(device->SetPropertyData(P(QKProp::ImageSize), i % 2 ? 0 : 1), QK_OK);
+    }
+    stop = true;
+    reader.join();
+    EXPECT_EQ(bad.load(), 0);
+}
+
+} // namespace
