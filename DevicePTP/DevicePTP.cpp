@@ -26,6 +26,7 @@ DevicePTP::~DevicePTP()
 {
     if (deviceHandle)
         usbLib->CloseDevice(deviceHandle);
+    FreePreviewFrames();
     QK_LOG_DEB("DevicePTP deleted");
     // Functions left in registeredPointers are dropped uncalled: memory a
     // caller never gave back is not ours to release.

@@ -5,7 +5,12 @@
 // derived class, through std::make_shared) and always owned by a shared_ptr.
 // A host may override the virtual hooks.
 
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <atomic>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,6 +18,7 @@
 #include <vector>
 
 #include "DevicePTP/Ema.h"
+#include "DevicePTP/PreviewData.h"
 #include "DevicePTP/PtpContainer.h"
 #include "DevicePTP/QKPropDesc.h"
 #include "DevicePTP/QKFileInfo.h"
@@ -21,6 +27,8 @@
 #include "models/CameraDB.h"
 #include "models/PropertyDB.h"
 #include "usb/UsbLib.h"
+
+class ContProc;
 
 // Events raised by bits of the camera's event word.
 enum CameraEvent {
@@ -76,6 +84,27 @@ public:
     QKResult PTPManualFocusEnable(bool on);
     QKResult PTPLoadEvents();
 
+    // Live preview: loads decode into the buffer not lent; GetPreviewFrame
+    // lends the newest picture, a BMP file, until FreePointer.
+    QKResult PTPGetVideoSettings(VideoSettings* settings);
+    QKResult PTPLoadPreviewFrame();
+    QKResult GetPreviewFrame(void** frame, int* size);
+
+    // Lens: zoom and manual focus.
+    QKResult GetMaximumZoom(int* zoom);
+    QKResult GetZoom(int* zoom);
+    QKResult UpdateZoom();
+    void SendZoomChanged();
+    // Builds the zoom chain; nothing reaches the camera until ContProc::run.
+    ContProc* PTPSetZoom(int zoom);
+    QKResult PTPManualFocusSet(int focus, int* reached);
+    QKResult PTPManualFocusGetParams(int* first, int* position);
+    QKResult UpdateFocusPos();
+    QKResult GetFocus(int* focus);
+    void SendFocusChanged();
+    int GetFocusWithShift(int zoom, int focus, int shift);
+    QKResult FocusShift(int shift);
+
     // Property loading.
     QKResult InitialLoadProperties();
     QKResult PTPReadPropety(int caseNumber, int* value);
@@ -99,6 +128,32 @@ public:
     QKResult GetPropertyData(int property, int* value);
     QKResult GetPropertyList(int** properties, int* count);
     QKResult GetPropertyDesc(int property, QKProp_Desc** desc);
+
+    // Camera files: the card's catalogue, download and removal, the
+    // camera's own log and memory figures. Arrays go back through FreePointer.
+    QKResult PTPGetStorageId(unsigned int* storage);
+    QKResult PTPGetObjectHandles(std::vector<unsigned int>* handles);
+    QKResult PTPGetFilesInfo(std::vector<QKFileInfo>* files);
+    // Rebuilds the catalogue and finds the file that is new since the last rebuild.
+    QKResult PTPUpdateObjectsInfo();
+    QKResult GetFileList(QKFileInfo** files, int* count);
+    // Negative ids are direct-transfer files held in memory.
+    QKResult PTPDownloadFile(int id, std::string path);
+    QKResult PTPDownloadFile(int id, std::string path, std::function<void(int)> onDownloaded);
+    QKResult PTPRemoveFile(int id);
+    // Removes IMG_nnnn files numbered 10 and up.
+    QKResult PTPCleanCard();
+    QKResult PTPDownloadCameraLog();
+    void PTPDebugLogMemory(const char* tag);
+
+    // Capture: chains for ContProc::run, and video.
+    ContProc* PTPShoot();
+    ContProc* PTPShoot_Normal(std::function<void(QKFileInfo)> onCompleted);
+    ContProc* PTPShoot_Direct(std::function<void(QKFileInfo)> onCompleted);
+    void DebugShootDirectEvents();
+    QKResult PTPStartVideo();
+    QKResult PTPStopVideo(QKFileInfo* file);
+    ContProc* PTPUpdateAeAf();
 
     // PTP transactions.
     static std::vector<unsigned int> PTPmkParams();
@@ -125,6 +180,9 @@ protected:
     bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
                       std::function<void(DataLen*)>* chunkCallback);
     bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    // Live preview: fetches and decodes one frame into `frame`, under previewMutex.
+    QKResult PTPGetPreviewFrame(DataLen* frame);
+    void FreePreviewFrames();
     QKResult PTPSetPropCase(int caseNumber, int rawValue);
     std::vector<std::pair<QKProp, int>> GetPropertyValueList_();
     std::vector<QKProp> GetPropertyList_();
@@ -148,12 +206,15 @@ protected:
     unsigned int nextTransactionId = 0; // guarded by transactionMutex
     std::mutex transactionMutex;        // innermost: one whole attempt on the wire
 
-    std::mutex previewMutex;
+    PreviewData previewData; // live preview
 
     struct {
         std::map<QKProp, int> propertyValues;
         int currentZoom = 0;
         int lastSentZoom = -1;
+        // Lens: no camera reports INT_MIN, so the first real position is announced.
+        int currentFocus = 0;
+        int lastSentFocus = INT_MIN;
         std::recursive_mutex stateMutex;
         std::shared_ptr<ema> batteryFilter;
     } state;
@@ -161,16 +222,43 @@ protected:
     bool camFlagBit0 = false;
     bool camFlagBit2 = false;
 
+    // Lens: the steps of the zoom chain, and how long it waits for the finish event.
+    void ZoomCommand_(ContProc* proc, int zoom, int64_t* wait, QKResult* result, bool* more);
+    void ZoomAwaitFinish_(ContProc* proc, int zoom, bool manualFocusForZoom,
+                          std::chrono::steady_clock::time_point deadline, int64_t* wait,
+                          QKResult* result, bool* more);
+    void ZoomTakeOver_(int zoom, bool manualFocusForZoom, QKResult* result, bool* more);
+    std::chrono::milliseconds zoomFinishLimit{30000};
+
     struct {
         std::vector<QKFileInfo> objects;
         std::mutex objectsMutex;
         int latestFileId = -1;
     } catalogue;
 
+    // Camera files and capture: the parts of downloads and shots.
+    QKResult DownloadDirectFile_(int id, const std::string& path);
+    QKResult DownloadCardFile_(int id, const std::string& path);
+    QKResult RemoveDirectFile_(int id);
+    void ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
+                           QKResult* result, bool* more);
+    void ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+                           QKResult* result, bool* more);
+    QKResult FindShotFile_(QKFileInfo* file);
+    void ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
+                           QKResult* result, bool* more);
+    void ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+                           QKResult* result, bool* more);
+    QKResult FetchDirectPicture_(std::list<DataLen>* chunks, unsigned int* totalSize);
+
     struct {
-        int nextDirectFileId = -1;
+        int nextDirectFileId = -100; // ids go down from here and are never reused
+        std::map<int, std::list<DataLen>> directFiles; // owns the chunk arrays
         std::recursive_mutex directFilesMutex;
     } direct;
+
+    // Set while a video records; shooting chains refuse to start then.
+    std::atomic<bool> videoRecording{false};
 
     std::map<CameraEvent, bool> cameraEvents{{SHOOT_FINISHED, false}, {ZOOM_FINISHED, false}};
     std::wstring moduleVersion;

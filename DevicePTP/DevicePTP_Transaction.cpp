@@ -77,7 +77,8 @@ bool DevicePTP::PtpTransaction_(unsigned short code, std::vector<unsigned int> p
     command.type = CONTAINER_COMMAND;
     command.code = code;
     command.transId = nextTransactionId++;
-    std::memcpy(command.payload, params.data(), 4 * params.size());
+    if (!params.empty()) // an empty vector may have no storage at all
+        std::memcpy(command.payload, params.data(), 4 * params.size());
     DataLen commandBytes(&command, command.length);
     if (!UsbWrite(&commandBytes)) {
         QK_LOG_ERR("PtpTransaction failed");

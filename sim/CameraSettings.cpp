@@ -9,10 +9,7 @@
 
 namespace qksim {
 
-namespace {
-
-// The model's record: by its name first, then as the engine finds it.
-bool FindRecord(const std::string& model, const std::string& product, CameraConfig* out)
+bool FindModelRecord(const std::string& model, const std::string& product, CameraConfig* out)
 {
     const std::wstring wideModel = strToWstr(model);
     for (const CameraConfig& record : cameraDB)
@@ -22,6 +19,8 @@ bool FindRecord(const std::string& model, const std::string& product, CameraConf
         }
     return findCameraConfig(out, strToWstr(product)) || findCameraConfig(out, wideModel);
 }
+
+namespace {
 
 // A value a camera of this model shows when switched on.
 int32_t StartingRaw(QKProp property, const ProperyConfig& config)
@@ -54,7 +53,7 @@ PtpReply Refuse(uint16_t code)
 CameraSettings::CameraSettings(const std::string& model, const std::string& product)
 {
     CameraConfig record;
-    if (!FindRecord(model, product, &record))
+    if (!FindModelRecord(model, product, &record))
         return;
     for (const auto& [property, config] : record.properties) {
         if (property == QKProp::ShootingMode)
@@ -265,9 +264,6 @@ void InstallSettingsOperations(PtpResponder& responder, const std::shared_ptr<Ca
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetCamProperty, with([](CameraSettings& s, const PtpCommand&) {
         return Words({static_cast<int32_t>(s.FlagWord())});
-    }));
-    responder.SetBuiltinVendor(ptp::QKM_GetZoom, with([](CameraSettings& s, const PtpCommand&) {
-        return Words({s.ZoomPosition()});
     }));
     for (uint32_t single : {ptp::QKM_EnableLCD, ptp::QKM_EnableKbd, ptp::QKM_PowerDown, ptp::QKM_Reset}) {
         responder.SetBuiltinVendor(single, with([single](CameraSettings& s, const PtpCommand&) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+struct CameraConfig;
+
 namespace qksim {
 
 class CameraSettings {
@@ -50,6 +52,8 @@ public:
     void SetFlagWord(uint32_t flags);
     uint32_t FlagWord() const;
 
+    // Where the lens rests; while the zoom motor runs, the lens
+    // (sim/CameraLens.h) answers where it is.
     void SetZoomPosition(int32_t position);
     int32_t ZoomPosition() const;
 
@@ -76,6 +80,9 @@ private:
 };
 
 class PtpResponder;
+
+// The model's record: by its name first, then as the engine finds it.
+bool FindModelRecord(const std::string& model, const std::string& product, CameraConfig* out);
 
 // The vendor sub-commands that read and change these settings.
 void InstallSettingsOperations(PtpResponder& responder, const std::shared_ptr<CameraSettings>& settings);

@@ -1,6 +1,9 @@
 // qkcam-virtual: holds virtual cameras and runs a program that sees them on
 // its USB bus, through the unmodified libusb-1.0.
 
+// Live preview: the frame size the cameras report.
+#include "sim/CameraPreview.h"
+#include "sim/HotplugSchedule.h"
 #include "sim/Preload.h"
 #include "sim/VirtualBus.h"
 
@@ -24,11 +27,22 @@ const char* const kUsage =
     "  --camera MODEL:SERIAL[:PRODUCT]  add a camera (repeatable); the product\n"
     "                                   string defaults to \"QK Virtual Camera MODEL\"\n"
     "  --other VID:PID:PRODUCT          add a USB device that is no camera (ids in hex)\n"
-    "  --verbose                        list the devices on standard error\n"
+    "  --preview WIDTHxHEIGHT[:LINES]   live preview frame size of the --camera cameras:\n"
+    "                                   720x240 (default), 360x240, 320x240, 704x480,\n"
+    "                                   or 720x180:240 (height 180, LINES lines)\n"
+    "  --plug-after MS MODEL:SERIAL[:PRODUCT]\n"
+    "                                   plug a camera in MS milliseconds after PROGRAM\n"
+    "                                   started (repeatable)\n"
+    "  --unplug-after MS SERIAL         pull the camera with that serial out MS\n"
+    "                                   milliseconds after PROGRAM started (repeatable)\n"
+    "  --verbose                        list the devices, and each plug and unplug,\n"
+    "                                   on standard error\n"
     "  --help                           show this help\n"
     "\n"
     "Exits with the status of PROGRAM (128 + the signal if it was killed).\n"
-    "Example: qkcam-virtual --camera SX160:QKS0001 --camera A1400:QKS0002 -- qkcam-list\n";
+    "Example: qkcam-virtual --camera SX160:QKS0001 --camera A1400:QKS0002 -- qkcam-list\n"
+    "         qkcam-virtual --camera SX160:QKS0001 --plug-after 1500 A1400:QKS0002 \\\n"
+    "                       --unplug-after 4000 QKS0002 -- camera_watch 6\n";
 
 volatile sig_atomic_t childPid = 0;
 
@@ -93,7 +107,32 @@ bool ParseOther(const std::string& text, OtherDevice& device)
     return true;
 }
 
-int RunChild(char** programArgs)
+bool NamesCamera(const std::string& serial, const std::vector<qksim::CameraSetup>& cameras,
+                 const std::vector<qksim::HotplugEvent>& hotplugs)
+{
+    for (const auto& setup : cameras)
+        if (setup.serial == serial)
+            return true;
+    for (const auto& event : hotplugs)
+        if (event.plug && event.setup.serial == serial)
+            return true;
+    return false;
+}
+
+// Milliseconds: decimal digits only, at most a day.
+bool ParseDelay(const std::string& text, unsigned& delayMs)
+{
+    if (text.empty() || text.size() > 8 || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    unsigned long value = std::strtoul(text.c_str(), nullptr, 10);
+    if (value > 24ul * 3600 * 1000)
+        return false;
+    delayMs = static_cast<unsigned>(value);
+    return true;
+}
+
+// The schedule's times count from the start of the child.
+int RunChild(char** programArgs, qksim::HotplugSchedule& schedule)
 {
     if (!qksim::HasPreload(std::getenv("LD_PRELOAD")))
         setenv("LD_PRELOAD", qksim::WithPreload(std::getenv("LD_PRELOAD")).c_str(), 1);
@@ -125,6 +164,7 @@ int RunChild(char** programArgs)
         _exit(127);
     }
     childPid = pid;
+    schedule.Start();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) {
@@ -133,6 +173,7 @@ int RunChild(char** programArgs)
         }
     }
     childPid = 0;
+    schedule.Stop();
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
     if (WIFSIGNALED(status))
@@ -150,7 +191,10 @@ int main(int argc, char** argv)
         return 127;
     std::vector<qksim::CameraSetup> cameras;
     std::vector<OtherDevice> others;
+    std::vector<qksim::HotplugEvent> hotplugs;
     bool verbose = false;
+    // Live preview.
+    qksim::PreviewSettings preview = qksim::PreviewSettings::Sized(720, 240);
     int programAt = -1;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -181,6 +225,32 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s\n", arg.c_str(), value.c_str());
             return 2;
         }
+        // Live preview.
+        if (arg == "--preview" && i + 1 < argc) {
+            const std::string value = argv[++i];
+            if (qksim::ParsePreviewSettings(value, &preview))
+                continue;
+            std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s\n", arg.c_str(), value.c_str());
+            return 2;
+        }
+        if ((arg == "--plug-after" || arg == "--unplug-after") && i + 2 < argc) {
+            const std::string delay = argv[++i];
+            const std::string value = argv[++i];
+            qksim::HotplugEvent event;
+            event.plug = arg == "--plug-after";
+            bool valid = ParseDelay(delay, event.delayMs);
+            if (event.plug)
+                valid = valid && ParseCamera(value, event.setup);
+            else
+                event.setup.serial = value;
+            if (valid && !value.empty()) {
+                hotplugs.push_back(event);
+                continue;
+            }
+            std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s %s\n", arg.c_str(), delay.c_str(),
+                         value.c_str());
+            return 2;
+        }
         std::fprintf(stderr, "qkcam-virtual: unexpected argument %s\n%s", arg.c_str(), kUsage);
         return 2;
     }
@@ -189,7 +259,18 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    for (const auto& event : hotplugs) {
+        if (!event.plug && !NamesCamera(event.setup.serial, cameras, hotplugs)) {
+            std::fprintf(stderr, "qkcam-virtual: --unplug-after: no camera with serial %s\n",
+                         event.setup.serial.c_str());
+            return 2;
+        }
+    }
+
     qksim::VirtualBus& bus = qksim::VirtualBus::Instance();
+    qksim::HotplugSchedule schedule(bus, verbose);
+    for (const auto& event : hotplugs)
+        schedule.Add(event);
     std::vector<std::shared_ptr<qksim::VirtualCamera>> added;
     for (const auto& setup : cameras) {
         auto camera = bus.AddCamera(setup);
@@ -203,7 +284,9 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "qkcam-virtual: %s, serial %s, at %ls\n", camera->Setup().product.c_str(),
                          setup.serial.c_str(), path.c_str());
         }
+        camera->Preview().SetSettings(preview); // live preview
         added.push_back(camera);
+        schedule.AddPresent(camera);
     }
     for (const auto& other : others) {
         bus.AddOtherDevice(other.vendorId, other.productId, other.product);
@@ -212,7 +295,7 @@ int main(int argc, char** argv)
                          other.product.c_str());
     }
 
-    const int status = RunChild(argv + programAt);
+    const int status = RunChild(argv + programAt, schedule);
     added.clear();
     bus.RemoveAll();
     return status;

@@ -132,6 +132,12 @@ PtpResponder::Containers PtpResponder::Encode(const PtpCommand& command, const P
     Containers out;
     if (reply.hasData && !(generalError && insteadOfData))
         out.push_back(MakeContainer(ptp::kData, command.code, command.transId, reply.data));
+    // A broken transfer: part of the data container, then silence.
+    if (reply.hasData && reply.breakDataAfter >= 0 && !out.empty()) {
+        if (static_cast<uint64_t>(reply.breakDataAfter) < out.back().size())
+            out.back().resize(static_cast<size_t>(reply.breakDataAfter));
+        return out;
+    }
     const uint16_t code = generalError ? ptp::RC_GeneralError : reply.responseCode;
     out.push_back(MakeParamContainer(ptp::kResponse, code, command.transId, reply.responseParams));
     return out;

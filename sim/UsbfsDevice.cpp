@@ -352,6 +352,14 @@ void UsbfsDevice::Reap(UMockdevIoctlClient* client)
         Fail(client, ENODEV);
         return;
     }
+    // Holding is only worth it while something of this client may still
+    // finish; libusb's last reap after a completed transfer must not wait.
+    auto ofClient = [client](const UrbPtr& urb) { return urb->client == client; };
+    if (std::none_of(pendingIn.begin(), pendingIn.end(), ofClient) &&
+        std::none_of(parked.begin(), parked.end(), ofClient)) {
+        Fail(client, EAGAIN);
+        return;
+    }
     Hold(client, state, Held::Reap, kReapHoldMs);
 }
 

@@ -5,8 +5,9 @@
 // libusb-1.0 through umockdev's mock sysfs and usbfs device nodes.
 //
 // A process that uses it must run with umockdev's preload library from its
-// start (EnsurePreload re-executes the program with it), and cameras must be
-// on the bus before the first libusb_init of the process that enumerates.
+// start (EnsurePreload re-executes the program with it), and the bus must
+// exist before the first libusb_init of the process that enumerates. Cameras
+// may come and go at any time after: libusb hears of them by uevent.
 
 #include <cstdint>
 #include <functional>
@@ -17,6 +18,14 @@
 namespace qksim {
 
 class CameraSettings;
+// Camera files and capture.
+class CameraCard;
+class CameraShutter;
+class CameraMemory;
+// Lens control.
+class CameraLens;
+// Live preview.
+class CameraPreview;
 
 // A command container as the camera received it on bulk OUT.
 struct PtpCommand {
@@ -33,6 +42,9 @@ struct PtpReply {
     std::vector<uint8_t> data;            // its payload
     uint16_t responseCode = 0x2001;       // PTP_RC_OK
     std::vector<uint32_t> responseParams; // 0 to 5 words
+    // Camera files: a transfer that breaks off. When >= 0, only this many
+    // bytes of the data container (header included) go out, and no response.
+    int64_t breakDataAfter = -1;
 };
 
 using OperationHandler = std::function<PtpReply(const PtpCommand&)>;
@@ -89,7 +101,9 @@ public:
     // packet into the stream there.
     virtual void SetPacketSizes(const std::vector<uint32_t>& sizes) = 0;
     virtual void FailClaim(bool fail) = 0;                     // claim answers busy
-    virtual void Unplug() = 0;                                 // no device from now on
+    // No device from now on: open handles fail with LIBUSB_ERROR_NO_DEVICE
+    // and the camera leaves the bus, as when its cable is pulled.
+    virtual void Unplug() = 0;
     virtual bool Plugged() const = 0;
     // The next `count` commands are recorded but get no answer, so that bytes
     // queued with QueueRawIn/QueueRawPackets stand in for the reply.
@@ -98,6 +112,19 @@ public:
     // Settings: property cases, mode, version, events, battery, flags, zoom
     // (sim/CameraSettings.h).
     virtual CameraSettings& Settings() = 0;
+
+    // Camera files and capture: the card (sim/CameraCard.h), the shutter with
+    // remote capture and video (sim/CameraShutter.h), the camera's RAM as the
+    // memory read shows it (sim/CameraMemory.h).
+    virtual CameraCard& Card() = 0;
+    virtual CameraShutter& Shutter() = 0;
+    virtual CameraMemory& Memory() = 0;
+
+    // Lens control: the zoom motor and the manual focus (sim/CameraLens.h).
+    virtual CameraLens& Lens() = 0;
+
+    // Live preview: the settings record and the frames (sim/CameraPreview.h).
+    virtual CameraPreview& Preview() = 0;
 };
 
 class VirtualBus {

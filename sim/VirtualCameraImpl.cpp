@@ -31,6 +31,19 @@ VirtualCameraImpl::VirtualCameraImpl(const CameraSetup& setup_)
 {
     InstallCameraOperations(*responder, setup);
     InstallSettingsOperations(*responder, settings);
+    // Camera files and capture.
+    card = std::make_shared<CameraCard>();
+    shutter = std::make_shared<CameraShutter>(card);
+    memory = std::make_shared<CameraMemory>(setup.model);
+    InstallCardOperations(*responder, card);
+    InstallShutterOperations(*responder, shutter, *settings);
+    InstallMemoryOperations(*responder, memory);
+    // Lens control.
+    lens = std::make_shared<CameraLens>(setup.model, setup.product, settings);
+    InstallLensOperations(*responder, lens, *settings);
+    // Live preview: after the memory, whose read it extends with the frame at address 0.
+    preview = std::make_shared<CameraPreview>();
+    InstallPreviewOperations(*responder, preview, memory);
     std::shared_ptr<PtpResponder> answering = responder;
     device = std::make_shared<UsbfsDevice>(
         CameraIdentity(setup),

@@ -2,6 +2,14 @@
 // A virtual camera: its PTP responder behind a virtual USB device.
 
 #include "sim/CameraSettings.h"
+// Camera files and capture.
+#include "sim/CameraCard.h"
+#include "sim/CameraMemory.h"
+#include "sim/CameraShutter.h"
+// Lens control.
+#include "sim/CameraLens.h"
+// Live preview.
+#include "sim/CameraPreview.h"
 #include "sim/PtpResponder.h"
 #include "sim/UsbfsDevice.h"
 #include "sim/VirtualBus.h"
@@ -48,10 +56,29 @@ public:
     // Settings: property cases, mode, version, events, battery, flags, zoom.
     CameraSettings& Settings() override { return *settings; }
 
+    // Camera files and capture.
+    CameraCard& Card() override { return *card; }
+    CameraShutter& Shutter() override { return *shutter; }
+    CameraMemory& Memory() override { return *memory; }
+
+    // Lens control.
+    CameraLens& Lens() override { return *lens; }
+
+    // Live preview.
+    CameraPreview& Preview() override { return *preview; }
+
 private:
     const CameraSetup setup;
     std::shared_ptr<PtpResponder> responder;
     std::shared_ptr<CameraSettings> settings;
+    // Camera files and capture.
+    std::shared_ptr<CameraCard> card;
+    std::shared_ptr<CameraShutter> shutter;
+    std::shared_ptr<CameraMemory> memory;
+    // Lens control.
+    std::shared_ptr<CameraLens> lens;
+    // Live preview.
+    std::shared_ptr<CameraPreview> preview;
     std::shared_ptr<UsbfsDevice> device;
     std::function<void()> unplugHook;
 };

@@ -10,7 +10,9 @@
 #include "usb/DataLen.h"
 
 // Implemented by a host that wants to hear when cameras come or go; it is
-// told only that something changed.
+// told only that something changed, and asks GetAllConnectedDevicePaths what.
+// OnUsbEvent runs on the transport's polling thread with its lock held: it
+// must return soon and must never destroy the transport.
 class IUsbLib_Notify {
 public:
     virtual void OnUsbEvent() = 0;

@@ -64,6 +64,8 @@ UsbLib_libusb::UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify) : UsbLib(noti
 UsbLib_libusb::~UsbLib_libusb()
 {
     if (notifyEnabled) {
+        // Set under the lock: a thread that is busy enumerating finds the flag
+        // at its next wait, so the stop can't fall between two waits.
         {
             std::lock_guard<std::mutex> lock(notifyMutex);
             notifyStop = true;
@@ -82,7 +84,7 @@ void UsbLib_libusb::NotifyThread()
     std::unique_lock<std::mutex> lock(notifyMutex);
     for (;;) {
         // The predicate keeps a spurious wake-up from looking like a stop.
-        if (notifyCondition.wait_for(lock, std::chrono::milliseconds(1000),
+        if (notifyCondition.wait_for(lock, std::chrono::milliseconds(notifyPeriod),
                                      [this] { return notifyStop; })) {
             QK_LOG_DEB("Notify loop exit");
             return;

@@ -17,6 +17,7 @@ public:
     static constexpr unsigned short productId = 0x3041;
     static constexpr unsigned int usbTimeout = 5000; // ms, every bulk transfer
     static constexpr int MaxRetryCount = 5;
+    static constexpr unsigned int notifyPeriod = 1000; // ms, the polling thread's wait
 
     static std::shared_ptr<UsbLib> build(std::weak_ptr<IUsbLib_Notify> notify);
     ~UsbLib_libusb() override;

@@ -136,4 +136,38 @@ TEST(ContProcTest, BrokenChainsFailInsteadOfCrashing)
     EXPECT_EQ(mark.Count("ContProc::run"), 2);
 }
 
+TEST(ContProcTest, StateIsFreedOnEveryWayOut)
+{
+    int live = 0;
+    int passes = 0;
+    {
+        Tracked token(&live);
+        // Polled three times, then ended by the sentinel after a pause.
+        auto* polled = new ContProc([token, &passes](ContProc* self, int64_t* wait, QKResult*, bool* more) {
+            *wait = 0;
+            *more = true;
+            if (++passes == 3)
+                self->step = ContProc::sentinel;
+        });
+        EXPECT_EQ(ContProc::run(polled), QK_OK);
+        // Handed on to a step that has no body.
+        auto* emptied = new ContProc([token](ContProc* self, int64_t* wait, QKResult*, bool* more) {
+            *wait = 0;
+            *more = true;
+            self->step = [token](ContProc* next, int64_t* wait, QKResult*, bool* more) {
+                *wait = 0;
+                *more = true;
+                next->step = nullptr;
+            };
+        });
+        EXPECT_EQ(ContProc::run(emptied), QK_ERROR);
+        // Ended without a result.
+        EXPECT_EQ(ContProc::run(new ContProc([token](ContProc*, int64_t*, QKResult*, bool*) {})), QK_ERROR);
+        // Built and never run: the caller deletes it.
+        delete new ContProc([token](ContProc*, int64_t*, QKResult*, bool*) {});
+    }
+    EXPECT_EQ(passes, 3);
+    EXPECT_EQ(live, 0);
+}
+
 } // namespace

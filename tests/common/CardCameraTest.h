@@ -1,0 +1,132 @@
+#pragma once
+// A camera with its card, shutter and memory, driven through the real
+// libusb; its hooks are recorded and its catalogue and buffered files can be
+// looked at.
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+#include "proc/ContProc.h"
+#include "sim/CameraCard.h"
+#include "sim/CameraMemory.h"
+#include "sim/CameraShutter.h"
+#include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
+
+namespace qktest {
+
+class CardCamera : public DevicePTP {
+public:
+    CardCamera(std::shared_ptr<UsbLib> usb, std::wstring path) : DevicePTP(std::move(usb), std::move(path)) {}
+
+    int LatestFileId()
+    {
+        std::lock_guard<std::mutex> lock(catalogue.objectsMutex);
+        return catalogue.latestFileId;
+    }
+    std::vector<QKFileInfo> Objects()
+    {
+        std::lock_guard<std::mutex> lock(catalogue.objectsMutex);
+        return catalogue.objects;
+    }
+    size_t DirectFileCount()
+    {
+        std::lock_guard<std::recursive_mutex> lock(direct.directFilesMutex);
+        return direct.directFiles.size();
+    }
+    int NextDirectFileId() const { return direct.nextDirectFileId; }
+    bool VideoRecording() const { return videoRecording; }
+    void SetMemLogging(bool on) { memLogging = on; }
+
+    void TemporaryStopPreview(bool stop) override { hooks.push_back(stop ? "stop preview" : "resume preview"); }
+    QKResult SetPreShootProperty() override
+    {
+        hooks.push_back("pre-shoot");
+        return preShootResult;
+    }
+    void OnShootCompleted(QKFileInfo file) override
+    {
+        hooks.push_back("completed");
+        completed.push_back(file);
+    }
+
+    // The hooks as they were called, in order; written by the chain's thread.
+    std::vector<std::string> hooks;
+    std::vector<QKFileInfo> completed;
+    QKResult preShootResult = QK_OK;
+};
+
+class CardCameraTest : public VirtualCameraTest {
+protected:
+    void SetUp() override { Connect("SX160"); }
+    void TearDown() override
+    {
+        device.reset();
+        VirtualCameraTest::TearDown();
+        for (const std::string& path : localFiles)
+            std::remove(path.c_str());
+    }
+
+    void Connect(const std::string& model)
+    {
+        camera = AddCamera(model, "QKF0001");
+        ASSERT_TRUE(camera);
+        device = std::make_shared<CardCamera>(Transport(), camera->Path());
+        ASSERT_EQ(device->Init(), QK_OK);
+        camera->ClearRecords();
+    }
+
+    qksim::CameraCard& Card() { return camera->Card(); }
+    qksim::CameraShutter& Shutter() { return camera->Shutter(); }
+
+    // Commands received since the last ClearRecords with this operation code
+    // and, for the vendor operation, this sub-command.
+    int Sent(uint16_t code, int subCommand = -1) const
+    {
+        int n = 0;
+        for (const qksim::PtpCommand& c : camera->ReceivedCommands())
+            if (c.code == code &&
+                (subCommand < 0 || (!c.params.empty() && c.params[0] == static_cast<uint32_t>(subCommand))))
+                ++n;
+        return n;
+    }
+
+    // A path in the test's directory, removed after the test.
+    std::string Local(const std::string& name)
+    {
+        localFiles.push_back(TempDir() + "/" + name);
+        return localFiles.back();
+    }
+
+    static std::vector<uint8_t> ReadFile(const std::string& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    static bool Exists(const std::string& path)
+    {
+        struct stat info;
+        return ::stat(path.c_str(), &info) == 0;
+    }
+
+    static std::vector<std::wstring> Names(const std::vector<QKFileInfo>& files)
+    {
+        std::vector<std::wstring> names;
+        for (const QKFileInfo& f : files)
+            names.push_back(f.name);
+        return names;
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+    std::shared_ptr<CardCamera> device;
+    std::vector<std::string> localFiles;
+};
+
+} // namespace qktest

@@ -1,0 +1,250 @@
+// Downloads from the card through the virtual camera: the bytes that arrive,
+// the files left behind when something goes wrong, and the link staying in
+// step afterwards.
+
+#include <fstream>
+
+#include "sim/TestJpeg.h"
+#include "tests/common/CardCameraTest.h"
+
+namespace {
+
+using qktest::LogMark;
+using qktest::Pattern;
+
+class Download : public qktest::CardCameraTest {
+protected:
+    // Downloads and reports which ids the completion function saw.
+    QKResult Fetch(uint32_t handle, const std::string& path, std::vector<int>* seen = nullptr)
+    {
+        std::vector<int> ids;
+        QKResult result = device->PTPDownloadFile(static_cast<int>(handle), path, [&](int id) { ids.push_back(id); });
+        if (seen)
+            *seen = ids;
+        else
+            EXPECT_EQ(ids.size(), result == QK_OK ? 1u : 0u);
+        return result;
+    }
+    // The rate lines never show an infinite or undefined figure.
+    static void ExpectFiniteFigures(const LogMark& mark)
+    {
+        EXPECT_EQ(mark.Count("inf MB/sec"), 0);
+        EXPECT_EQ(mark.Count("nan MB/sec"), 0);
+        EXPECT_EQ(mark.Count("nan sec"), 0);
+    }
+};
+
+TEST_F(Download, CardPictureArrivesWholeAndReplacesTheLocalFile)
+{
+    const uint32_t handle = Card().Find("IMG_0001.JPG");
+    const std::vector<uint8_t> onCard = Card().Content(handle);
+    const std::string path = Local("picture.jpg");
+    {
+        std::ofstream old(path, std::ios::binary);
+        old << std::string(onCard.size() * 3, 'x');
+    }
+    LogMark mark;
+    std::vector<int> seen;
+    ASSERT_EQ(Fetch(handle, path, &seen), QK_OK);
+    EXPECT_EQ(seen, std::vector<int>{static_cast<int>(handle)});
+    EXPECT_EQ(ReadFile(path), onCard);
+    int width = 0, height = 0;
+    EXPECT_TRUE(qksim::JpegSize(ReadFile(path), &width, &height));
+    EXPECT_EQ(width, 320);
+
+    EXPECT_EQ(mark.Count("Download file completed:", "INF"), 1);
+    EXPECT_EQ(mark.Count("size: " + std::to_string(onCard.size()) + " bytes"), 1);
+    EXPECT_EQ(mark.Count("path: " + path), 1);
+    EXPECT_EQ(mark.Count("download rate:"), 1);
+    ExpectFiniteFigures(mark);
+    EXPECT_EQ(Sent(PTP_OC_GetObject), 1);
+}
+
+TEST_F(Download, SeveralMebibytesStreamChunkByChunk)
+{
+    const size_t size = 3 * 0x100000 + 777;
+    const uint32_t handle = Card().AddFile("MVI_0100.MOV", Pattern(size, 9));
+    LogMark mark;
+    ASSERT_EQ(Fetch(handle, Local("movie.mov")), QK_OK);
+    EXPECT_EQ(ReadFile(Local("movie.mov")), Card().Content(handle));
+    // 1 MiB + 500, 1 MiB, 1 MiB, then the rest.
+    EXPECT_EQ(mark.Count("PTPDownloadFile: write chunk", "DEB"), 4);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: final chunk", "DEB"), 1);
+}
+
+TEST_F(Download, EmptyObjectGivesAnEmptyFile)
+{
+    const uint32_t handle = Card().AddFile("IMG_0200.JPG", {});
+    LogMark mark;
+    ASSERT_EQ(Fetch(handle, Local("empty.jpg")), QK_OK);
+    EXPECT_TRUE(Exists(Local("empty.jpg")));
+    EXPECT_TRUE(ReadFile(Local("empty.jpg")).empty());
+    EXPECT_EQ(mark.Count("PTPDownloadFile: write chunk"), 0);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: final chunk"), 1);
+    EXPECT_EQ(mark.Count("size: 0 bytes"), 1);
+    ExpectFiniteFigures(mark);
+}
+
+TEST_F(Download, PathThatCannotBeOpenedSendsNothing)
+{
+    LogMark mark;
+    EXPECT_EQ(Fetch(Card().Find("IMG_0001.JPG"), Local("no/such/dir/x.jpg")), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: output file opening failed", "ERR"), 1);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+TEST_F(Download, HandleTheCameraDoesNotKnowLeavesAnEmptyFile)
+{
+    LogMark mark;
+    EXPECT_EQ(Fetch(0x7FFF0000, Local("ghost.jpg")), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), 1);
+    EXPECT_TRUE(Exists(Local("ghost.jpg")));
+    EXPECT_TRUE(ReadFile(Local("ghost.jpg")).empty());
+    EXPECT_EQ(mark.Count("Download file completed"), 0);
+}
+
+TEST_F(Download, FullDiskFailsDrainsTheDataAndKeepsTheLinkInStep)
+{
+    const uint32_t big = Card().AddFile("MVI_0300.MOV", Pattern(2 * 0x100000 + 4321, 3));
+    LogMark mark;
+    EXPECT_EQ(Fetch(big, "/dev/full"), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: write file failed", "ERR"), 1);
+    EXPECT_EQ(mark.Count("PTP_OC_GetObject failed"), 0);
+    EXPECT_EQ(mark.Count("Download file completed"), 0);
+    // The whole data phase was read: the next transaction gets its own reply.
+    const uint32_t small = Card().Find("IMG_0004.JPG");
+    ASSERT_EQ(Fetch(small, Local("after-full.jpg")), QK_OK);
+    EXPECT_EQ(ReadFile(Local("after-full.jpg")), Card().Content(small));
+}
+
+TEST_F(Download, GeneralErrorAfterTheDataRewritesTheFileFromTheStart)
+{
+    const uint32_t handle = Card().AddFile("MVI_0400.MOV", Pattern(2 * 0x100000 + 99, 4));
+    Card().GeneralErrorAfterData(handle, 1);
+    LogMark mark;
+    ASSERT_EQ(Fetch(handle, Local("retried.mov")), QK_OK);
+    EXPECT_EQ(ReadFile(Local("retried.mov")), Card().Content(handle));
+    EXPECT_EQ(mark.Count("PTP General Error. Retry 0", "ERR"), 1);
+    EXPECT_EQ(mark.Count("data sent again, output rewritten from the start", "INF"), 1);
+    EXPECT_EQ(Sent(PTP_OC_GetObject), 2);
+    EXPECT_EQ(mark.Count("size: " + std::to_string(Card().Content(handle).size()) + " bytes"), 1);
+}
+
+TEST_F(Download, ThreeGeneralErrorsFailButNeverLeaveTheDataTwice)
+{
+    const uint32_t handle = Card().AddFile("IMG_0500.JPG", Pattern(0x100000 + 5000, 6));
+    Card().GeneralErrorAfterData(handle, 3);
+    LogMark mark;
+    EXPECT_EQ(Fetch(handle, Local("thrice.jpg")), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP General Error. Retry", "ERR"), 3);
+    EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), 1);
+    EXPECT_EQ(ReadFile(Local("thrice.jpg")), Card().Content(handle));
+}
+
+TEST_F(Download, TransferBrokenMidFileKeepsWhatArrived)
+{
+    const std::vector<uint8_t> bytes = Pattern(3 * 0x100000, 8);
+    const uint32_t handle = Card().AddFile("MVI_0600.MOV", bytes);
+    // The camera stops after the first chunk. The cut falls on a packet
+    // boundary, so the bus ends the next read with a zero-length packet at
+    // once instead of after the transfer time-out.
+    const uint32_t firstChunk = 0x100000 + 500;
+    Card().BreakObjectAfter(handle, 12 + firstChunk);
+    LogMark mark;
+    EXPECT_EQ(Fetch(handle, Local("broken.mov")), QK_ERROR);
+    EXPECT_EQ(mark.Count("GETDATA failed: tail data stage (with callback)", "ERR"), 1);
+    EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), 1);
+    EXPECT_EQ(ReadFile(Local("broken.mov")), std::vector<uint8_t>(bytes.begin(), bytes.begin() + firstChunk));
+
+    ASSERT_EQ(Fetch(handle, Local("whole.mov")), QK_OK);
+    EXPECT_EQ(ReadFile(Local("whole.mov")), bytes);
+}
+
+TEST_F(Download, RemovedFileLeavesCardAndCatalogue)
+{
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
+    const uint32_t handle = Card().Find("IMG_0004.JPG");
+    LogMark mark;
+    ASSERT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_OK);
+    EXPECT_FALSE(Card().Has(handle));
+    for (const QKFileInfo& f : device->Objects())
+        EXPECT_NE(f.id, static_cast<int>(handle));
+    EXPECT_EQ(device->LatestFileId(), -1);
+    for (const qksim::PtpCommand& c : camera->ReceivedCommands())
+        if (c.code == PTP_OC_DeleteObject) {
+            EXPECT_EQ(c.params, (std::vector<uint32_t>{handle, 0}));
+        }
+
+    // Gone already: the camera refuses and the catalogue isn't rebuilt.
+    camera->ClearRecords();
+    EXPECT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_OC_DeleteObject failed", "ERR"), 1);
+    EXPECT_EQ(Sent(PTP_OC_GetStorageIDs), 0);
+}
+
+TEST_F(Download, RemovalWhoseRebuildFailsStillRemoves)
+{
+    const uint32_t handle = Card().Find("IMG_0001.JPG");
+    qksim::PtpReply refused;
+    refused.responseCode = 0x2005;
+    camera->SetOperationHandler(PTP_OC_GetStorageIDs, [refused](const qksim::PtpCommand&) { return refused; });
+    LogMark mark;
+    EXPECT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPUpdateObjectsInfo() failed", "ERR"), 1);
+    EXPECT_FALSE(Card().Has(handle));
+}
+
+TEST_F(Download, CleanCardKeepsNumbersBelowTenAndOtherNames)
+{
+    Card().Clear();
+    const char* kept[] = {"IMG_0001.JPG", "IMG_0009.JPG", "IMGX0123.JPG", "IMG_ABC.JPG", "MVI_0011.MOV",
+                          "img_0002.jpg"};
+    const char* gone[] = {"IMG_0010.JPG", "img_0123.jpg", "img_0012.mov", "IMG_99999999999999999999.JPG"};
+    for (const char* name : kept)
+        Card().AddFile(name, {1});
+    for (const char* name : gone)
+        Card().AddFile(name, {2});
+    Card().AddFile("IMG_0042.CR2", {3}); // not catalogued, so never touched
+    LogMark mark;
+    ASSERT_EQ(device->PTPCleanCard(), QK_OK);
+    for (const char* name : kept)
+        EXPECT_NE(Card().Find(name), 0u) << name;
+    for (const char* name : gone)
+        EXPECT_EQ(Card().Find(name), 0u) << name;
+    EXPECT_NE(Card().Find("IMG_0042.CR2"), 0u);
+    EXPECT_EQ(mark.Count("clean file: ", "INF"), 4);
+    EXPECT_EQ(mark.Count("clean file: IMG_0010.JPG"), 1);
+    EXPECT_EQ(Sent(PTP_OC_DeleteObject), 4);
+    EXPECT_EQ(device->Objects().size(), sizeof(kept) / sizeof(kept[0]));
+
+    // Nothing left to clean: one rebuild, no removal.
+    camera->ClearRecords();
+    ASSERT_EQ(device->PTPCleanCard(), QK_OK);
+    EXPECT_EQ(Sent(PTP_OC_GetStorageIDs), 1);
+    EXPECT_EQ(Sent(PTP_OC_DeleteObject), 0);
+}
+
+TEST_F(Download, CleanCardStopsAtTheFirstRemovalThatFails)
+{
+    Card().Clear();
+    const uint32_t first = Card().AddFile("IMG_0010.JPG", {1});
+    const uint32_t second = Card().AddFile("IMG_0011.JPG", {1});
+    const uint32_t third = Card().AddFile("IMG_0012.JPG", {1});
+    qksim::CameraCard& card = Card();
+    camera->SetOperationHandler(PTP_OC_DeleteObject, [&card, second](const qksim::PtpCommand& c) {
+        qksim::PtpReply reply;
+        if (c.params.at(0) == second)
+            reply.responseCode = qksim::ptp::RC_AccessDenied;
+        else
+            reply = card.DeleteObject(c);
+        return reply;
+    });
+    LogMark mark;
+    EXPECT_EQ(device->PTPCleanCard(), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPRemoveFile failed: " + std::to_string(second), "ERR"), 1);
+    EXPECT_FALSE(Card().Has(first));
+    EXPECT_TRUE(Card().Has(second));
+    EXPECT_TRUE(Card().Has(third));
+}
+
+} // namespace

@@ -1,0 +1,181 @@
+// Device-change notification: when the polling thread runs, how often it
+// tells, a receiver that goes away, and how the thread ends.
+
+#include <dirent.h>
+
+#include <thread>
+
+#include "tests/common/TestLog.h"
+#include "tests/notify/NotifyReceiver.h"
+
+namespace {
+
+using namespace notifytest;
+using qktest::LogMark;
+using Clock = std::chrono::steady_clock;
+
+int ThreadCount()
+{
+    DIR* dir = opendir("/proc/self/task");
+    if (!dir)
+        return -1;
+    int count = 0;
+    while (dirent* entry = readdir(dir))
+        if (entry->d_name[0] != '.')
+            ++count;
+    closedir(dir);
+    return count;
+}
+
+// How long dropping the last reference to the transport takes.
+Clock::duration TimeToDestroy(std::shared_ptr<UsbLib>& usb)
+{
+    const auto start = Clock::now();
+    usb.reset();
+    return Clock::now() - start;
+}
+
+// The lines of `log` that hold one of the texts, each replaced by the text.
+std::vector<std::string> LinesOf(const std::string& log, const std::vector<std::string>& texts)
+{
+    std::vector<std::string> found;
+    size_t from = 0;
+    while (from < log.size()) {
+        size_t end = log.find('\n', from);
+        if (end == std::string::npos)
+            end = log.size();
+        const std::string line = log.substr(from, end - from);
+        for (const std::string& text : texts)
+            if (line.find(text) != std::string::npos)
+                found.push_back(line.substr(0, 3) + " " + text);
+        from = end + 1;
+    }
+    return found;
+}
+
+TEST_F(NotifyTest, NoThreadWithoutALiveReceiver)
+{
+    AddCamera("SX160", "QKS0001");
+    LogMark mark;
+    // libusb may run threads of its own while a context lives: compare
+    // transports that are alive.
+    std::shared_ptr<UsbLib> silent = UsbLib_libusb::build(UsbLib::EmptyNotify);
+    const int withoutReceiver = ThreadCount();
+    EXPECT_LT(TimeToDestroy(silent), period / 2);
+
+    auto calls = std::make_shared<Calls>();
+    std::weak_ptr<IUsbLib_Notify> gone;
+    {
+        auto receiver = std::make_shared<Receiver>(calls);
+        gone = receiver;
+    }
+    std::shared_ptr<UsbLib> orphan = UsbLib_libusb::build(gone);
+    EXPECT_EQ(ThreadCount(), withoutReceiver);
+    EXPECT_LT(TimeToDestroy(orphan), period / 2);
+    EXPECT_EQ(mark.Count("Notify loop exit"), 0);
+
+    auto receiver = std::make_shared<Receiver>(calls);
+    std::shared_ptr<UsbLib> watching = UsbLib_libusb::build(receiver);
+    EXPECT_EQ(ThreadCount(), withoutReceiver + 1);
+    watching.reset();
+    EXPECT_EQ(mark.Count("Notify loop exit", "DEB"), 1);
+    EXPECT_EQ(mark.Count("UsbLib_libusb exit", "INF"), 3);
+    EXPECT_EQ(calls->Count(), 0u);
+}
+
+TEST_F(NotifyTest, PlugsAreToldOncePerPeriod)
+{
+    auto first = AddCamera("SX160", "QKS0001");
+    auto calls = std::make_shared<Calls>();
+    auto receiver = std::make_shared<Receiver>(calls);
+    Watch(receiver);
+
+    // A camera there from the start is no change.
+    std::this_thread::sleep_for(overOnePeriod);
+    EXPECT_EQ(calls->Count(), 0u);
+
+    auto second = AddCamera("A1400", "QKS0002");
+    ASSERT_TRUE(calls->WaitFor(1, eventLimit));
+    EXPECT_EQ(calls->Last(), (Paths{first->Path(), second->Path()}));
+
+    // Just after a poll two cameras come within one period: one call.
+    auto third = AddCamera("SX160", "QKS0003");
+    auto fourth = AddCamera("A1400", "QKS0004");
+    ASSERT_TRUE(calls->WaitFor(2, eventLimit));
+    EXPECT_EQ(calls->Last(), (Paths{first->Path(), second->Path(), third->Path(), fourth->Path()}));
+    std::this_thread::sleep_for(overOnePeriod);
+    EXPECT_EQ(calls->Count(), 2u);
+}
+
+TEST_F(NotifyTest, ReceiverReleasedWhileTheTransportLives)
+{
+    auto calls = std::make_shared<Calls>();
+    auto receiver = std::make_shared<Receiver>(calls);
+    // The host lets go of the receiver while a call is under way; the call
+    // must still have its receiver until it returns.
+    std::mutex gate;
+    std::condition_variable released;
+    bool inCall = false;
+    bool hostLetGo = false;
+    receiver->duringCall = [&] {
+        std::unique_lock<std::mutex> lock(gate);
+        inCall = true;
+        released.notify_all();
+        released.wait_for(lock, std::chrono::seconds(2), [&] { return hostLetGo; });
+    };
+    // Declared after what the call uses, so it ends first even when a check fails.
+    std::shared_ptr<UsbLib> local = UsbLib_libusb::build(receiver);
+    receiver->transport = local.get();
+    auto first = AddCamera("SX160", "QKS0001");
+    {
+        std::unique_lock<std::mutex> lock(gate);
+        ASSERT_TRUE(released.wait_for(lock, eventLimit, [&] { return inCall; }));
+        receiver.reset();
+        hostLetGo = true;
+    }
+    released.notify_all();
+    ASSERT_TRUE(calls->WaitFor(1, eventLimit));
+    {
+        std::lock_guard<std::mutex> lock(calls->mutex);
+        EXPECT_FALSE(calls->calledAfterGone);
+    }
+    EXPECT_EQ(calls->Last(), Paths{first->Path()});
+
+    // The thread polls on without effect.
+    AddCamera("A1400", "QKS0002");
+    std::this_thread::sleep_for(overOnePeriod);
+    EXPECT_EQ(calls->Count(), 1u);
+    std::lock_guard<std::mutex> lock(calls->mutex);
+    EXPECT_TRUE(calls->receiverGone);
+    EXPECT_FALSE(calls->calledAfterGone);
+}
+
+TEST_F(NotifyTest, DestructionEndsTheThreadAtOnceAndLogsInOrder)
+{
+    AddCamera("SX160", "QKS0001");
+    auto calls = std::make_shared<Calls>();
+    auto receiver = std::make_shared<Receiver>(calls);
+    std::shared_ptr<UsbLib> probe = UsbLib_libusb::build(UsbLib::EmptyNotify);
+    const int baseline = ThreadCount();
+    LogMark mark;
+    // From a stop before the thread first waits to one well inside a wait.
+    const int rounds = 8;
+    for (int round = 0; round < rounds; ++round) {
+        std::shared_ptr<UsbLib> usb = UsbLib_libusb::build(receiver);
+        std::this_thread::sleep_for(std::chrono::milliseconds(round * 40));
+        EXPECT_LT(TimeToDestroy(usb), period / 2) << "round " << round;
+        EXPECT_EQ(ThreadCount(), baseline) << "round " << round;
+    }
+    probe.reset();
+
+    std::vector<std::string> expected;
+    for (int round = 0; round < rounds; ++round) {
+        expected.push_back("DEB Notify loop exit");
+        expected.push_back("INF UsbLib_libusb exit");
+    }
+    expected.push_back("INF UsbLib_libusb exit"); // the probe's
+    EXPECT_EQ(LinesOf(mark.Since(), {"Notify loop exit", "UsbLib_libusb exit"}), expected);
+    EXPECT_EQ(calls->Count(), 0u);
+}
+
+} // namespace

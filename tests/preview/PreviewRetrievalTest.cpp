@@ -1,0 +1,484 @@
+// Live preview against a virtual camera: what goes over the wire, the two
+// buffers and the lent picture, the settings' age and their log line, hooks,
+// and failures that must keep the last good picture.
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
+#include "sim/CameraPreview.h"
+#include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
+
+namespace {
+
+using qksim::PreviewSettings;
+using qksim::PtpCommand;
+using qksim::PtpReply;
+using qktest::LogMark;
+
+// A host's camera: counts the hooks, can keep release functions, and can
+// age the settings so that a test need not wait two seconds.
+class PreviewCamera : public DevicePTP {
+public:
+    PreviewCamera(std::shared_ptr<UsbLib> usb, std::wstring path) : DevicePTP(std::move(usb), std::move(path)) {}
+
+    void OnNewPreviewFrame() override
+    {
+        ++newFrames;
+        if (onNewFrame)
+            onNewFrame();
+    }
+    void PostprocessPreview(int width, int height, unsigned char* pixels, int rowPadding) override
+    {
+        seen = {width, height, rowPadding};
+        if (postprocess)
+            postprocess(pixels);
+    }
+    void RegisterPointer(void* pointer, std::function<void(void*)> release) override
+    {
+        lastRelease = release;
+        DevicePTP::RegisterPointer(pointer, std::move(release));
+    }
+
+    void AgeSettings(int64_t ms)
+    {
+        std::lock_guard<std::mutex> lock(previewData.previewMutex);
+        previewData.settingsTime -= ms;
+    }
+    int Held()
+    {
+        std::lock_guard<std::mutex> lock(previewData.previewMutex);
+        return previewData.heldFrame;
+    }
+    int Ready()
+    {
+        std::lock_guard<std::mutex> lock(previewData.previewMutex);
+        return previewData.readyFrame;
+    }
+    DataLen Buffer(int index)
+    {
+        std::lock_guard<std::mutex> lock(previewData.previewMutex);
+        return previewData.frames[index];
+    }
+
+    std::atomic<int> newFrames{0};
+    std::function<void()> onNewFrame;
+    std::function<void(unsigned char*)> postprocess;
+    std::vector<int> seen;
+    std::function<void(void*)> lastRelease;
+};
+
+struct Picture {
+    void* data = nullptr;
+    int size = 0;
+    std::vector<uint8_t> Copy() const
+    {
+        return std::vector<uint8_t>(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+    }
+};
+
+uint32_t Le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24; }
+
+class PreviewRetrievalTest : public qktest::VirtualCameraTest {
+protected:
+    std::shared_ptr<PreviewCamera> Open(const std::string& model = "SX160")
+    {
+        camera = AddCamera(model, "QKP0001");
+        auto device = std::make_shared<PreviewCamera>(Transport(), camera->Path());
+        EXPECT_EQ(device->Init(), QK_OK);
+        return device;
+    }
+
+    Picture Borrow(const std::shared_ptr<PreviewCamera>& device)
+    {
+        Picture p;
+        EXPECT_EQ(device->GetPreviewFrame(&p.data, &p.size), QK_OK);
+        return p;
+    }
+
+    int Sent(uint32_t subCommand) const
+    {
+        int n = 0;
+        for (const PtpCommand& c : camera->ReceivedCommands())
+            n += c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == subCommand;
+        return n;
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+};
+
+TEST_F(PreviewRetrievalTest, FirstLoadReadsSettingsThenTheWholeFrameAtAddressZero)
+{
+    auto device = Open();
+    LogMark mark;
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    const std::vector<PtpCommand> sent = camera->ReceivedCommands();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].code, 0x9999);
+    EXPECT_EQ(sent[0].params, std::vector<uint32_t>{0x0B});
+    EXPECT_EQ(sent[1].code, 0x9999);
+    EXPECT_EQ(sent[1].params, (std::vector<uint32_t>{0x01, 0, 259200}));
+    // The first reading is a change from the all-zero record.
+    EXPECT_EQ(mark.Count("VideoSettings: 720 240 1080 240 30 2", "INF"), 1) << mark.Since();
+    EXPECT_EQ(device->newFrames, 1);
+
+    Picture picture = Borrow(device);
+    ASSERT_EQ(picture.size, 230454);
+    const uint8_t* file = static_cast<uint8_t*>(picture.data);
+    EXPECT_EQ(file[0], 'B');
+    EXPECT_EQ(Le32(file + 18), 320u);
+    EXPECT_EQ(Le32(file + 22), 240u);
+    EXPECT_EQ(device->seen, (std::vector<int>{320, 240, 0}));
+
+    // The test picture decodes to its bars: the top picture row is the last
+    // one in the file, each bar 40 columns wide.
+    const uint8_t* topRow = file + 54 + 239 * 960;
+    for (int bar = 0; bar < 8; ++bar) {
+        const qksim::Rgb want = qksim::CameraPreview::BarColours()[bar];
+        const uint8_t* pixel = topRow + (bar * 40 + 20) * 3;
+        EXPECT_NEAR(pixel[0], want.blue, 2) << bar;
+        EXPECT_NEAR(pixel[1], want.green, 2) << bar;
+        EXPECT_NEAR(pixel[2], want.red, 2) << bar;
+    }
+    device->FreePointer(picture.data);
+}
+
+TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoad)
+{
+    auto device = Open();
+    Picture picture;
+    LogMark mark;
+    EXPECT_EQ(device->GetPreviewFrame(&picture.data, &picture.size), QK_NOT_READY);
+    EXPECT_EQ(mark.Count("GetPreviewFrame: result not ready"), 1);
+    EXPECT_EQ(picture.data, nullptr);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+
+    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, [](const PtpCommand&) {
+        PtpReply refused;
+        refused.responseCode = 0x2005;
+        return refused;
+    });
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
+    EXPECT_EQ(device->GetPreviewFrame(&picture.data, &picture.size), QK_NOT_READY);
+    EXPECT_EQ(device->newFrames, 0);
+}
+
+TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
+{
+    auto device = Open();
+    // Nothing lent: both loads write buffer 0.
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    void* buffer0 = device->Buffer(0).data;
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(device->Buffer(0).data, buffer0);
+    EXPECT_EQ(device->Buffer(1).data, nullptr);
+    EXPECT_EQ(device->Ready(), 0);
+
+    // Buffer 0 lent: loads go to buffer 1 and the lent picture stays as it was,
+    // though the camera's frames differ from one to the next.
+    Picture lent = Borrow(device);
+    EXPECT_EQ(lent.data, buffer0);
+    EXPECT_EQ(device->Held(), 0);
+    const std::vector<uint8_t> before = lent.Copy();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    const std::vector<uint8_t> newer = std::vector<uint8_t>(
+        static_cast<uint8_t*>(device->Buffer(1).data),
+        static_cast<uint8_t*>(device->Buffer(1).data) + device->Buffer(1).len);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(device->Ready(), 1);
+    EXPECT_EQ(lent.Copy(), before);
+    EXPECT_NE(newer, before) << "the marker moves from frame to frame";
+
+    // A second borrow while one is out is refused; the lent one stays lent.
+    Picture again;
+    LogMark mark;
+    EXPECT_EQ(device->GetPreviewFrame(&again.data, &again.size), QK_ERROR);
+    EXPECT_EQ(mark.Count("GetPreviewFrame: Previous preview frame does not released", "ERR"), 1);
+    EXPECT_EQ(device->Held(), 0);
+
+    // Given back: the newest picture is buffer 1, and without a load in
+    // between a release and a new borrow give the same pointer.
+    device->FreePointer(lent.data);
+    EXPECT_EQ(device->Held(), -1);
+    Picture newest = Borrow(device);
+    EXPECT_EQ(newest.data, device->Buffer(1).data);
+    device->FreePointer(newest.data);
+    Picture same = Borrow(device);
+    EXPECT_EQ(same.data, newest.data);
+    EXPECT_EQ(device->Held(), 1);
+    // With buffer 1 lent the load writes buffer 0.
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(device->Ready(), 0);
+    device->FreePointer(same.data);
+    EXPECT_EQ(device->newFrames, 5);
+}
+
+TEST_F(PreviewRetrievalTest, ReleaseAfterTheCameraObjectIsGone)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    Picture lent = Borrow(device);
+    std::function<void(void*)> release = device->lastRelease;
+    ASSERT_TRUE(release);
+    LogMark mark;
+    device.reset(); // buffers freed with the object
+    EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
+    release(lent.data); // finds no camera and touches nothing
+    release = nullptr;
+}
+
+TEST_F(PreviewRetrievalTest, HooksSeeThePixelsAndMayBorrowAtOnce)
+{
+    auto device = Open();
+    // The hook changes the pixels in place before the headers are written.
+    device->postprocess = [](unsigned char* pixels) {
+        EXPECT_EQ(pixels[-54], 0) << "no headers yet on a fresh buffer";
+        pixels[0] = 1;
+        pixels[1] = 2;
+        pixels[2] = 3;
+    };
+    Picture fromHook;
+    device->onNewFrame = [&] {
+        ASSERT_EQ(device->GetPreviewFrame(&fromHook.data, &fromHook.size), QK_OK);
+    };
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    ASSERT_NE(fromHook.data, nullptr);
+    const uint8_t* file = static_cast<uint8_t*>(fromHook.data);
+    EXPECT_EQ(file[0], 'B');
+    EXPECT_EQ(file[54], 1);
+    EXPECT_EQ(file[55], 2);
+    EXPECT_EQ(file[56], 3);
+    device->FreePointer(fromHook.data);
+}
+
+TEST_F(PreviewRetrievalTest, SettingsAreReadAgainOnlyWhenOlderThanTwoSeconds)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    device->AgeSettings(1500);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 1);
+    EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 3);
+
+    // Read again, unchanged: no log line.
+    LogMark mark;
+    device->AgeSettings(1000);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 2);
+    EXPECT_EQ(mark.Count("VideoSettings:"), 0);
+
+    // A change in bytes no one reads still gives the line, with the six words.
+    PreviewSettings changed = PreviewSettings::Sized(720, 240);
+    changed.words[21] = 7;
+    camera->Preview().SetSettings(changed);
+    device->AgeSettings(2100);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(mark.Count("VideoSettings: 720 240 1080 240 30 2", "INF"), 1) << mark.Since();
+    device->AgeSettings(2100);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(mark.Count("VideoSettings:"), 1);
+}
+
+TEST_F(PreviewRetrievalTest, HeightOf180MeansTheOtherHeightWord)
+{
+    auto device = Open();
+    camera->Preview().SetSettings(PreviewSettings::Height180(720, 240));
+    LogMark mark;
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(mark.Count("VideoSettings: 720 180 1080 240 30 2"), 1) << mark.Since();
+    EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 259200}));
+    Picture picture = Borrow(device);
+    EXPECT_EQ(picture.size, 230454);
+    EXPECT_EQ(Le32(static_cast<uint8_t*>(picture.data) + 22), 240u);
+    device->FreePointer(picture.data);
+}
+
+TEST_F(PreviewRetrievalTest, ANewSizeReallocatesOnlyTheBufferWritten)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    Picture lent = Borrow(device);
+    const std::vector<uint8_t> before = lent.Copy();
+
+    camera->Preview().SetSettings(PreviewSettings::Sized(704, 480));
+    device->AgeSettings(2100);
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 506880}));
+    EXPECT_EQ(device->Buffer(1).len, 921654u);
+    EXPECT_EQ(device->Buffer(0).len, 230454u);
+    EXPECT_EQ(lent.Copy(), before);
+    EXPECT_EQ(device->seen, (std::vector<int>{640, 480, 0}));
+
+    device->FreePointer(lent.data);
+    Picture newest = Borrow(device);
+    EXPECT_EQ(newest.size, 921654);
+    EXPECT_EQ(Le32(static_cast<uint8_t*>(newest.data) + 18), 640u);
+    device->FreePointer(newest.data);
+    // Nothing lent: buffer 0 takes the new size at its next load.
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(device->Buffer(0).len, 921654u);
+
+    // Every size the camera offers comes out at its picture size.
+    const std::pair<PreviewSettings, int> sizes[] = {{PreviewSettings::Sized(360, 240), 230454},
+                                                     {PreviewSettings::Sized(320, 240), 230454},
+                                                     {PreviewSettings::Sized(720, 240), 230454}};
+    for (const auto& size : sizes) {
+        camera->Preview().SetSettings(size.first);
+        device->AgeSettings(2100);
+        ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+        Picture p = Borrow(device);
+        EXPECT_EQ(p.size, size.second);
+        device->FreePointer(p.data);
+    }
+}
+
+TEST_F(PreviewRetrievalTest, FailedLoadsKeepTheLastGoodPicture)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    Picture good = Borrow(device);
+    const std::vector<uint8_t> picture = good.Copy();
+    device->FreePointer(good.data);
+
+    struct Case {
+        const char* name;
+        std::function<PtpReply(const PtpCommand&)> readMem;
+        std::vector<const char*> logged;
+    } cases[] = {
+        {"refused",
+         [](const PtpCommand&) {
+             PtpReply r;
+             r.responseCode = 0x2005;
+             return r;
+         },
+         {"PTP_BASEMOD_ReadMem failed", "PTPGetPreviewFrame failed"}},
+        {"short",
+         [](const PtpCommand& c) {
+             PtpReply r;
+             r.hasData = true;
+             r.data.assign(c.params[2] - 1, 0x40);
+             return r;
+         },
+         {"Preview: frame of 259199 bytes, 259200 expected for 720x240", "PTPGetPreviewFrame failed"}},
+        {"empty",
+         [](const PtpCommand&) {
+             PtpReply r;
+             r.hasData = true;
+             return r;
+         },
+         {"Preview: frame of 0 bytes", "PTPGetPreviewFrame failed"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        camera->SetVendorHandler(PTP_BASEMOD_ReadMem, c.readMem);
+        LogMark mark;
+        const int frames = device->newFrames;
+        EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
+        for (const char* line : c.logged)
+            EXPECT_EQ(mark.Count(line, "ERR"), 1) << line << "\n" << mark.Since();
+        EXPECT_EQ(device->newFrames, frames);
+        Picture after = Borrow(device);
+        EXPECT_EQ(after.data, good.data);
+        EXPECT_EQ(after.Copy(), picture);
+        device->FreePointer(after.data);
+    }
+    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, nullptr);
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+}
+
+TEST_F(PreviewRetrievalTest, UnreadableSettingsAreAskedForAgainAtTheNextLoad)
+{
+    auto device = Open();
+    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, [](const PtpCommand&) {
+        PtpReply r;
+        r.hasData = true;
+        r.data.assign(84, 1); // a word short
+        return r;
+    });
+    LogMark mark;
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_BASEMOD_VideoConfig failed", "ERR"), 1) << mark.Since();
+    EXPECT_EQ(mark.Count("GetVideoSettings failed", "ERR"), 1);
+    EXPECT_EQ(mark.Count("PTPGetPreviewFrame failed", "ERR"), 1);
+    EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
+
+    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, nullptr);
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 2);
+}
+
+TEST_F(PreviewRetrievalTest, HostileSettingsAreRefusedBeforeTheFrameIsAskedFor)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    Picture good = Borrow(device);
+    const std::vector<uint8_t> picture = good.Copy();
+    device->FreePointer(good.data);
+
+    struct Case {
+        uint32_t width, height, height180;
+        const char* logged;
+    } cases[] = {
+        {0, 240, 240, "PTPGetPreviewFrame: frame size 0x240 refused"},
+        {722, 240, 240, "PTPGetPreviewFrame: frame size 722x240 refused"},
+        {720, 0, 0, "PTPGetPreviewFrame: frame size 720x0 refused"},
+        {720, 180, 0, "PTPGetPreviewFrame: frame size 720x0 refused"},
+        {0xFFFFFFFC, 240, 240, "PTPGetPreviewFrame: frame size 4294967292x240 refused"},
+        {720, 100000, 240, "PTPGetPreviewFrame: frame size 720x100000 refused"},
+        {720, 180, 0x80000000u, "PTPGetPreviewFrame: frame size 720x2147483648 refused"},
+        // Both within bounds alone, but their product would overflow a
+        // 32-bit byte count on a careless host.
+        {65536, 65536, 240, "PTPGetPreviewFrame: frame size 65536x65536 refused"},
+    };
+    for (const Case& c : cases) {
+        PreviewSettings hostile = PreviewSettings::Sized(720, 240);
+        hostile.words[1] = c.width;
+        hostile.words[2] = c.height;
+        hostile.words[5] = c.height180;
+        camera->Preview().SetSettings(hostile);
+        device->AgeSettings(2100);
+        camera->ClearRecords();
+        LogMark mark;
+        EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR) << c.logged;
+        EXPECT_EQ(mark.Count(c.logged, "ERR"), 1) << mark.Since();
+        EXPECT_EQ(mark.Count("PTPGetPreviewFrame failed", "ERR"), 1);
+        EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
+        Picture after = Borrow(device);
+        EXPECT_EQ(after.Copy(), picture);
+        device->FreePointer(after.data);
+    }
+}
+
+TEST_F(PreviewRetrievalTest, ConcurrentLoadsAndBorrowsNeverTearAPicture)
+{
+    auto device = Open();
+    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    std::atomic<bool> stop{false};
+    std::atomic<int> borrowed{0};
+    std::thread host([&] {
+        while (!stop) {
+            Picture p;
+            if (device->GetPreviewFrame(&p.data, &p.size) != QK_OK)
+                continue;
+            const std::vector<uint8_t> copy = p.Copy();
+            std::this_thread::yield();
+            EXPECT_EQ(p.Copy(), copy);
+            device->FreePointer(p.data);
+            ++borrowed;
+        }
+    });
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    stop = true;
+    host.join();
+    EXPECT_GT(borrowed, 0);
+    EXPECT_EQ(device->Held(), -1);
+}
+
+} // namespace
