@@ -2,63 +2,18 @@
 // that live in this test process (it inherits the virtual bus through its
 // environment), and once through the launcher.
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <sstream>
-
 #include "DevicePTP/PtpCodes.h"
+#include "tests/common/ChildProcess.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
-struct ProgramRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+using ProgramRun = qktest::ChildRun;
 
-std::string Slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// With `alone`, the program starts without this process's virtual bus, as
-// from a shell.
 ProgramRun RunProgram(const std::vector<std::string>& argv, bool alone = false)
 {
-    const std::string outPath = qktest::TempDir() + "/tool.out";
-    const std::string errPath = qktest::TempDir() + "/tool.err";
-    ProgramRun run;
-    pid_t pid = fork();
-    if (pid == 0) {
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        if (alone) {
-            unsetenv("LD_PRELOAD");
-            unsetenv("UMOCKDEV_DIR");
-        }
-        std::vector<char*> args;
-        for (const std::string& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = Slurp(outPath);
-    run.err = Slurp(errPath);
-    return run;
+    return qktest::RunChild(argv, alone);
 }
 
 class ToolTest : public qktest::VirtualCameraTest {};
