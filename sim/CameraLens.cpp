@@ -6,6 +6,7 @@
 #include "models/CameraConfig.h"
 #include "sim/CameraSettings.h"
 #include "sim/PtpContainer.h"
+#include "sim/PtpReplies.h"
 #include "sim/PtpResponder.h"
 
 namespace qksim {
@@ -13,22 +14,6 @@ namespace qksim {
 namespace {
 
 constexpr int32_t pastLastEntry = -1;
-
-PtpReply Words(const std::vector<int32_t>& words)
-{
-    PtpReply reply;
-    reply.hasData = true;
-    for (int32_t w : words)
-        PutLe32(reply.data, static_cast<uint32_t>(w));
-    return reply;
-}
-
-PtpReply Refuse(uint16_t code)
-{
-    PtpReply reply;
-    reply.responseCode = code;
-    return reply;
-}
 
 // The entry of `row` nearest to `target`, the higher one on a tie.
 int32_t NearestEntry(const std::vector<int32_t>& row, int32_t target)
@@ -165,32 +150,26 @@ std::vector<int32_t> CameraLens::FocusParams() const
 void InstallLensOperations(PtpResponder& responder, const std::shared_ptr<CameraLens>& lens,
                            CameraSettings& settings)
 {
-    // Held weakly: the camera owns the lens, the responder only answers for it.
-    std::weak_ptr<CameraLens> weak = lens;
-    auto with = [weak](auto body) {
-        return [weak, body](const PtpCommand& command) {
-            std::shared_ptr<CameraLens> l = weak.lock();
-            return l ? body(*l, command) : Refuse(ptp::RC_GeneralError);
-        };
-    };
+    auto with = [&lens](auto body) { return ForPart(lens, body); };
 
     responder.SetBuiltinVendor(ptp::QKM_SetZoom, with([](CameraLens& l, const PtpCommand& c) {
         if (c.params.size() < 2 || !l.StartZoom(static_cast<int32_t>(c.params[1])))
-            return Refuse(ptp::RC_InvalidParameter);
+            return RefusalReply(ptp::RC_InvalidParameter);
         return PtpReply{};
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetZoom, with([](CameraLens& l, const PtpCommand&) {
-        return Words({l.ZoomPosition()});
+        return WordsReply({l.ZoomPosition()});
     }));
     responder.SetBuiltinVendor(ptp::QKM_MoveFocusTo, with([](CameraLens& l, const PtpCommand& c) {
         if (c.params.size() < 2)
-            return Refuse(ptp::RC_InvalidParameter);
+            return RefusalReply(ptp::RC_InvalidParameter);
         l.MoveFocusTo(static_cast<int32_t>(c.params[1]));
-        return Words(l.FocusParams());
+        return WordsReply(l.FocusParams());
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetFocusParams, with([](CameraLens& l, const PtpCommand&) {
-        return Words(l.FocusParams());
+        return WordsReply(l.FocusParams());
     }));
+    std::weak_ptr<CameraLens> weak = lens;
     settings.AddEventSource([weak]() {
         std::shared_ptr<CameraLens> l = weak.lock();
         return l ? l->TakeZoomEvents() : 0u;

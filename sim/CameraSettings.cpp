@@ -4,6 +4,7 @@
 
 #include "models/CameraDB.h"
 #include "sim/PtpContainer.h"
+#include "sim/PtpReplies.h"
 #include "sim/PtpResponder.h"
 #include "usb/UsbLib.h"
 
@@ -30,22 +31,6 @@ int32_t StartingRaw(QKProp property, const ProperyConfig& config)
             if (v.sdkValue == static_cast<int>(QKProp_ShootingMode::Program))
                 return v.cameraValue;
     return config.values.empty() ? 0 : config.values.front().cameraValue;
-}
-
-PtpReply Words(std::vector<int32_t> words)
-{
-    PtpReply reply;
-    reply.hasData = true;
-    for (int32_t w : words)
-        PutLe32(reply.data, static_cast<uint32_t>(w));
-    return reply;
-}
-
-PtpReply Refuse(uint16_t code)
-{
-    PtpReply reply;
-    reply.responseCode = code;
-    return reply;
 }
 
 } // namespace
@@ -217,36 +202,28 @@ void CameraSettings::SetManualFocus(bool on)
 
 void InstallSettingsOperations(PtpResponder& responder, const std::shared_ptr<CameraSettings>& settings)
 {
-    std::weak_ptr<CameraSettings> weak = settings;
-    // Handlers hold the settings weakly: the camera owns them, the responder
-    // only answers for them.
-    auto with = [weak](auto body) {
-        return [weak, body](const PtpCommand& command) {
-            std::shared_ptr<CameraSettings> s = weak.lock();
-            return s ? body(*s, command) : Refuse(ptp::RC_GeneralError);
-        };
-    };
+    auto with = [&settings](auto body) { return ForPart(settings, body); };
 
     responder.SetBuiltinVendor(ptp::QKM_GetPropCase, with([](CameraSettings& s, const PtpCommand& c) {
         if (c.params.size() < 2 || !s.HasPropCase(static_cast<int>(c.params[1])))
-            return Refuse(ptp::RC_InvalidParameter);
-        return Words({s.PropCase(static_cast<int>(c.params[1]))});
+            return RefusalReply(ptp::RC_InvalidParameter);
+        return WordsReply({s.PropCase(static_cast<int>(c.params[1]))});
     }));
     responder.SetBuiltinVendor(ptp::QKM_SetPropCase, with([](CameraSettings& s, const PtpCommand& c) {
         if (c.params.size() < 3)
-            return Refuse(ptp::RC_InvalidParameter);
+            return RefusalReply(ptp::RC_InvalidParameter);
         s.SetPropCase(static_cast<int>(c.params[1]), static_cast<int32_t>(c.params[2]));
         return PtpReply{};
     }));
     responder.SetBuiltinVendor(ptp::QKM_SetCaptureMode, with([](CameraSettings& s, const PtpCommand& c) {
         if (c.params.size() < 2 || s.ShootingModeCase() < 0)
-            return Refuse(ptp::RC_InvalidParameter);
+            return RefusalReply(ptp::RC_InvalidParameter);
         // The new mode shows at once in the mode case, as the dial would.
         s.SetPropCase(s.ShootingModeCase(), static_cast<int32_t>(c.params[1]));
         return PtpReply{};
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetMode, with([](CameraSettings& s, const PtpCommand&) {
-        return Words({s.PollMode()});
+        return WordsReply({s.PollMode()});
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetQKmVersion, with([](CameraSettings& s, const PtpCommand&) {
         PtpReply reply;
@@ -257,13 +234,13 @@ void InstallSettingsOperations(PtpResponder& responder, const std::shared_ptr<Ca
         return reply;
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetEvents, with([](CameraSettings& s, const PtpCommand&) {
-        return Words({static_cast<int32_t>(s.TakeEvents())});
+        return WordsReply({static_cast<int32_t>(s.TakeEvents())});
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetVBat, with([](CameraSettings& s, const PtpCommand&) {
-        return Words(s.ReadBattery());
+        return WordsReply(s.ReadBattery());
     }));
     responder.SetBuiltinVendor(ptp::QKM_GetCamProperty, with([](CameraSettings& s, const PtpCommand&) {
-        return Words({static_cast<int32_t>(s.FlagWord())});
+        return WordsReply({static_cast<int32_t>(s.FlagWord())});
     }));
     for (uint32_t single : {ptp::QKM_EnableLCD, ptp::QKM_EnableKbd, ptp::QKM_PowerDown, ptp::QKM_Reset}) {
         responder.SetBuiltinVendor(single, with([single](CameraSettings& s, const PtpCommand&) {

@@ -1,5 +1,7 @@
 #include "sim/PtpResponder.h"
 
+#include "sim/PtpReplies.h"
+
 #include "sim/PtpContainer.h"
 
 #include <utility>
@@ -22,13 +24,6 @@ void Store(std::map<uint32_t, OperationHandler>& table, uint32_t key, OperationH
         table[key] = std::move(handler);
     else
         table.erase(key);
-}
-
-PtpReply Refuse(uint16_t code)
-{
-    PtpReply reply;
-    reply.responseCode = code;
-    return reply;
 }
 
 } // namespace
@@ -159,7 +154,7 @@ PtpResponder::Containers PtpResponder::Receive(const std::vector<uint8_t>& trans
             return {};
         }
         if (!decoded.wellFormed)
-            return Encode(decoded.command, Refuse(ptp::RC_InvalidParameter), false, false);
+            return Encode(decoded.command, RefusalReply(ptp::RC_InvalidParameter), false, false);
         handler = FindHandler(decoded.command);
         if (generalErrors > 0) {
             --generalErrors;
@@ -167,7 +162,7 @@ PtpResponder::Containers PtpResponder::Receive(const std::vector<uint8_t>& trans
             insteadOfData = generalErrorInsteadOfData;
         }
     }
-    PtpReply reply = handler ? handler(decoded.command) : Refuse(ptp::RC_OperationNotSupported);
+    PtpReply reply = handler ? handler(decoded.command) : RefusalReply(ptp::RC_OperationNotSupported);
     return Encode(decoded.command, reply, generalError, insteadOfData);
 }
 
