@@ -26,9 +26,17 @@ namespace {
 // A value a camera of this model shows when switched on.
 int32_t StartingRaw(QKProp property, const ProperyConfig& config)
 {
-    if (property == QKProp::ShootingMode)
+    // Program mode, fine quality, no compensation; the first value elsewhere.
+    static const std::map<QKProp, int> preferred = {
+        {QKProp::ShootingMode, static_cast<int>(QKProp_ShootingMode::Program)},
+        {QKProp::JpegQuality, 1},
+        {QKProp::ExposureComp, 200},
+        {QKProp::FlashComp, 200},
+    };
+    auto wanted = preferred.find(property);
+    if (wanted != preferred.end())
         for (const ProperyValConfig& v : config.values)
-            if (v.sdkValue == static_cast<int>(QKProp_ShootingMode::Program))
+            if (v.sdkValue == wanted->second)
                 return v.cameraValue;
     return config.values.empty() ? 0 : config.values.front().cameraValue;
 }
