@@ -1,5 +1,3 @@
-// TEMPORARY NOTE (removed before commit): developers working in parallel MUST read
-// /work/PARALLEL_WORK_RULES.md before editing anything (no git commits, shared-file rules).
 #pragma once
 // One attached camera. Made only by DevicePTP::build (or, for a host's
 // derived class, through std::make_shared) and always owned by a shared_ptr.
@@ -44,7 +42,7 @@ public:
     DevicePTP& operator=(const DevicePTP&) = delete;
 
     // Hooks, in slot order after the destructor.
-    virtual void PostprocessPreview(int width, int height, unsigned char* picture, int size);
+    virtual void PostprocessPreview(int width, int height, unsigned char* pixels, int rowPadding);
     virtual void OnNewPreviewFrame();
     virtual void RegisterPointer(void* pointer, std::function<void(void*)> release);
     virtual bool IsVoltageLogging();

@@ -1,6 +1,6 @@
 // Preview decoding: column map, colour conversion and BMP headers. The
-// portable conversion is the reference; the vector one must give the same
-// bytes and is used only where the machine and the frame size allow it.
+// portable conversion is the reference; the vector kernels must give the
+// same bytes and are used only where the machine and the frame size allow.
 
 #include "DevicePTP/PreviewDecode.h"
 
@@ -11,7 +11,6 @@
 
 #include "DevicePTP/PreviewKernels.h"
 #include "log/Log.h"
-
 
 namespace {
 
@@ -50,7 +49,6 @@ void PutLe32(unsigned char* at, unsigned int value)
     PutLe16(at, value & 0xFFFF);
     PutLe16(at + 2, value >> 16);
 }
-
 
 } // namespace
 
@@ -110,14 +108,6 @@ bool PreviewDecoder::Prepare(unsigned int width, unsigned int height)
     return true;
 }
 
-PreviewDecoder::Kernel PreviewDecoder::BestKernel()
-{
-    for (Kernel kernel : {Kernel::Avx512, Kernel::Avx2, Kernel::Neon})
-        if (previewkernels::Available(kernel))
-            return kernel;
-    return Kernel::None;
-}
-
 std::vector<PreviewDecoder::Kernel> PreviewDecoder::AvailableKernels()
 {
     std::vector<Kernel> kernels;
@@ -125,6 +115,12 @@ std::vector<PreviewDecoder::Kernel> PreviewDecoder::AvailableKernels()
         if (previewkernels::Available(kernel))
             kernels.push_back(kernel);
     return kernels;
+}
+
+PreviewDecoder::Kernel PreviewDecoder::BestKernel()
+{
+    const std::vector<Kernel> kernels = AvailableKernels();
+    return kernels.empty() ? Kernel::None : kernels.front();
 }
 
 void PreviewDecoder::UseKernel(Kernel kernel)

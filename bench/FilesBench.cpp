@@ -179,7 +179,7 @@ void BM_Download256MiB_MemcpyWrite(benchmark::State& state)
 }
 BENCHMARK(BM_Download256MiB_MemcpyWrite)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(8);
 
-// Both in turn, so that the ratio sees the same machine state.
+// Both in one loop, so that the ratio sees the same machine state.
 void BM_Download256MiB_EngineVsPlain(benchmark::State& state)
 {
     Camera camera;
@@ -188,10 +188,16 @@ void BM_Download256MiB_EngineVsPlain(benchmark::State& state)
     const std::string enginePath = OutputDir() + "/engine.mov";
     const std::string plainPath = OutputDir() + "/plain.mov";
     double engine = 0, plain = 0;
+    bool engineFirst = true;
     for (auto _ : state) {
+        // Whichever runs second finds the machine warmer: take turns.
+        if (!engineFirst)
+            plain += PlainDownload(*bytes, plainPath);
         const double once = EngineDownload(camera, handle, enginePath);
         engine += once;
-        plain += PlainDownload(*bytes, plainPath);
+        if (engineFirst)
+            plain += PlainDownload(*bytes, plainPath);
+        engineFirst = !engineFirst;
         state.SetIterationTime(once);
     }
     state.counters["engine_MiBps"] = static_cast<double>(state.iterations() * bigFile) / (1 << 20) / engine;

@@ -7,6 +7,7 @@
 // frame out of the camera; GetPreviewFrame lends the newest picture, a whole
 // BMP file in memory, until FreePointer gives it back.
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>

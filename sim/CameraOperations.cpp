@@ -1,5 +1,3 @@
-// TEMPORARY NOTE (removed before commit): developers working in parallel MUST read
-// /work/PARALLEL_WORK_RULES.md before editing anything (no git commits, shared-file rules).
 #include "sim/CameraOperations.h"
 
 #include "sim/PtpContainer.h"

@@ -1,5 +1,3 @@
-// TEMPORARY NOTE (removed before commit): developers working in parallel MUST read
-// /work/PARALLEL_WORK_RULES.md before editing anything (no git commits, shared-file rules).
 #pragma once
 // The virtual camera: PTP cameras presented to the real, unmodified
 // libusb-1.0 through umockdev's mock sysfs and usbfs device nodes.
