@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include "sim/PtpContainer.h"
+#include "sim/PtpReplies.h"
 #include "sim/TestJpeg.h"
 
 namespace qksim {
@@ -25,21 +26,6 @@ void PutString(std::vector<uint8_t>& out, const std::string& text)
     for (size_t i = 0; i + 1 < count; ++i)
         PutLe16(out, static_cast<uint8_t>(text[i]));
     PutLe16(out, 0);
-}
-
-PtpReply Refuse(uint16_t code)
-{
-    PtpReply reply;
-    reply.responseCode = code;
-    return reply;
-}
-
-PtpReply Data(std::vector<uint8_t> bytes)
-{
-    PtpReply reply;
-    reply.hasData = true;
-    reply.data = std::move(bytes);
-    return reply;
 }
 
 } // namespace
@@ -277,13 +263,13 @@ PtpReply CameraCard::GetStorageIDs(const PtpCommand&) const
     std::vector<uint8_t> ids;
     PutLe32(ids, 1);
     PutLe32(ids, kStorageId);
-    return Data(std::move(ids));
+    return DataReply(std::move(ids));
 }
 
 PtpReply CameraCard::GetObjectHandles(const PtpCommand& command) const
 {
     if (command.params.empty() || (command.params[0] != kStorageId && command.params[0] != 0xFFFFFFFF))
-        return Refuse(ptp::RC_InvalidStorageID);
+        return RefusalReply(ptp::RC_InvalidStorageID);
     std::lock_guard<std::mutex> lock(mutex);
     const Clock::time_point now = Clock::now();
     std::vector<uint8_t> list;
@@ -298,27 +284,27 @@ PtpReply CameraCard::GetObjectHandles(const PtpCommand& command) const
     list[1] = static_cast<uint8_t>(count >> 8);
     list[2] = static_cast<uint8_t>(count >> 16);
     list[3] = static_cast<uint8_t>(count >> 24);
-    return Data(std::move(list));
+    return DataReply(std::move(list));
 }
 
 PtpReply CameraCard::GetObjectInfo(const PtpCommand& command) const
 {
     if (command.params.empty())
-        return Refuse(ptp::RC_InvalidParameter);
+        return RefusalReply(ptp::RC_InvalidParameter);
     std::lock_guard<std::mutex> lock(mutex);
     auto fault = infoFaults.find(command.params[0]);
     if (fault != infoFaults.end())
-        return Refuse(fault->second);
+        return RefusalReply(fault->second);
     const CardObject* object = FindLocked(command.params[0], Clock::now());
     if (!object)
-        return Refuse(ptp::RC_InvalidObjectHandle);
-    return Data(ObjectInfo(*object));
+        return RefusalReply(ptp::RC_InvalidObjectHandle);
+    return DataReply(ObjectInfo(*object));
 }
 
 PtpReply CameraCard::GetObject(const PtpCommand& command)
 {
     if (command.params.empty())
-        return Refuse(ptp::RC_InvalidParameter);
+        return RefusalReply(ptp::RC_InvalidParameter);
     std::shared_ptr<const std::vector<uint8_t>> bytes;
     PtpReply reply;
     {
@@ -326,7 +312,7 @@ PtpReply CameraCard::GetObject(const PtpCommand& command)
         const uint32_t handle = command.params[0];
         const CardObject* object = FindLocked(handle, Clock::now());
         if (!object || object->IsFolder())
-            return Refuse(ptp::RC_InvalidObjectHandle);
+            return RefusalReply(ptp::RC_InvalidObjectHandle);
         bytes = object->bytes;
         auto broken = breaks.find(handle);
         if (broken != breaks.end()) {
@@ -349,11 +335,11 @@ PtpReply CameraCard::GetObject(const PtpCommand& command)
 PtpReply CameraCard::DeleteObject(const PtpCommand& command)
 {
     if (command.params.empty())
-        return Refuse(ptp::RC_InvalidParameter);
+        return RefusalReply(ptp::RC_InvalidParameter);
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t handle = command.params[0];
     if (!FindLocked(handle, Clock::now()))
-        return Refuse(ptp::RC_InvalidObjectHandle);
+        return RefusalReply(ptp::RC_InvalidObjectHandle);
     // A folder goes with everything in it.
     std::vector<uint32_t> doomed{handle};
     for (size_t i = 0; i < doomed.size(); ++i)

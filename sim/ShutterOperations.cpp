@@ -3,19 +3,13 @@
 #include "sim/CameraSettings.h"
 #include "sim/CameraShutter.h"
 #include "sim/PtpContainer.h"
+#include "sim/PtpReplies.h"
 #include "sim/PtpResponder.h"
 #include "sim/TestJpeg.h"
 
 namespace qksim {
 
 namespace {
-
-PtpReply Refuse(uint16_t code)
-{
-    PtpReply reply;
-    reply.responseCode = code;
-    return reply;
-}
 
 std::chrono::milliseconds Ms(unsigned ms) { return std::chrono::milliseconds(ms); }
 
@@ -110,7 +104,7 @@ PtpReply CameraShutter::Shoot(const PtpCommand&)
 {
     std::lock_guard<std::mutex> lock(mutex);
     if (shotRunning || recording)
-        return Refuse(ptp::RC_DeviceBusy);
+        return RefusalReply(ptp::RC_DeviceBusy);
     shotRunning = true;
     shotStarted = Clock::now();
     ++shots;
@@ -146,7 +140,7 @@ PtpReply CameraShutter::RemoteCaptureStart(const PtpCommand&)
 {
     std::unique_lock<std::mutex> lock(mutex);
     if (remoteActive || shotRunning || recording)
-        return Refuse(ptp::RC_DeviceBusy);
+        return RefusalReply(ptp::RC_DeviceBusy);
     remoteActive = true;
     remoteFetching = false;
     lastPieceSent = false;
@@ -186,9 +180,9 @@ PtpReply CameraShutter::RemoteCaptureGetData(const PtpCommand&)
 {
     std::lock_guard<std::mutex> lock(mutex);
     if (!remoteActive)
-        return Refuse(ptp::RC_AccessDenied);
+        return RefusalReply(ptp::RC_AccessDenied);
     if (!RemoteReadyLocked(Clock::now()))
-        return Refuse(ptp::RC_DeviceBusy);
+        return RefusalReply(ptp::RC_DeviceBusy);
     RemotePiece piece = std::move(remotePieces.front());
     remotePieces.pop_front();
     const bool more = !remotePieces.empty();
@@ -209,7 +203,7 @@ PtpReply CameraShutter::StartVideo(const PtpCommand&)
 {
     std::lock_guard<std::mutex> lock(mutex);
     if (recording || shotRunning)
-        return Refuse(ptp::RC_DeviceBusy);
+        return RefusalReply(ptp::RC_DeviceBusy);
     recording = true;
     recordingStarted = Clock::now();
     return PtpReply{};
@@ -219,7 +213,7 @@ PtpReply CameraShutter::StopVideo(const PtpCommand&)
 {
     std::lock_guard<std::mutex> lock(mutex);
     if (!recording)
-        return Refuse(ptp::RC_AccessDenied);
+        return RefusalReply(ptp::RC_AccessDenied);
     recording = false;
     // A movie grows with its length: 16 KiB and 1 KiB per 10 ms recorded.
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - recordingStarted);
@@ -286,7 +280,7 @@ void InstallShutterOperations(PtpResponder& responder, const std::shared_ptr<Cam
     auto install = [&](uint32_t subCommand, Operation operation) {
         responder.SetBuiltinVendor(subCommand, [weak, operation](const PtpCommand& command) {
             std::shared_ptr<CameraShutter> s = weak.lock();
-            return s ? ((*s).*operation)(command) : Refuse(ptp::RC_GeneralError);
+            return s ? ((*s).*operation)(command) : RefusalReply(ptp::RC_GeneralError);
         });
     };
     install(ptp::QKM_Shoot, &CameraShutter::Shoot);
