@@ -187,6 +187,10 @@ protected:
     // The one vendor command without a data phase.
     QKResult QKMCommand(unsigned int subCommand, const char* failure);
     // The first `count` words of a reply; false (logged) when it is shorter.
+    // One vendor transaction with a data phase, of which the first `count`
+    // words are taken; `*words` is written only on success.
+    bool FetchWords(std::vector<unsigned int> params, unsigned int count, std::vector<int>* words,
+                    const char* what);
     static bool ReplyWords(const DataLen& reply, unsigned int count, std::vector<int>* words,
                            const char* what);
     bool UsbWrite(DataLen* buffer);

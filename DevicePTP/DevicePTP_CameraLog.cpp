@@ -65,16 +65,9 @@ void DevicePTP::PTPDebugLogMemory(const char* tag)
     if (!IsMemLogging())
         return;
     const unsigned int address = StatisticsAddress(cameraConfig.name);
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_BASEMOD_ReadMem, address, 4 * statisticsWords),
-                        TRANSACTION_GETDATA, &reply, nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_BASEMOD_ReadMem failed");
-        return;
-    }
     std::vector<int> words;
-    const bool complete = ReplyWords(reply, statisticsWords, &words, "PTP_BASEMOD_ReadMem");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_BASEMOD_ReadMem, address, 4 * statisticsWords), statisticsWords, &words,
+                    "PTP_BASEMOD_ReadMem")) {
         QK_LOG_ERR("PTP_BASEMOD_ReadMem failed");
         return;
     }

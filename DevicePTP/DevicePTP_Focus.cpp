@@ -44,17 +44,10 @@ bool BinSearch(const std::vector<int>& row, int& index, int value)
 
 QKResult DevicePTP::PTPManualFocusSet(int focus, int* reached)
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_MoveFocusTo, static_cast<unsigned int>(focus)),
-                        TRANSACTION_GETDATA, &reply, nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_QKM_MoveFocusTo failed");
-        return QK_ERROR;
-    }
     std::vector<int> words;
-    const bool complete = ReplyWords(reply, 2, &words, "PTP_QKM_MoveFocusTo");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
-        // Without the position reached nothing can be taken over.
+    // Without the position reached (a short reply) nothing can be taken over.
+    if (!FetchWords(PTPmkParams(PTP_QKM_MoveFocusTo, static_cast<unsigned int>(focus)), 2, &words,
+                    "PTP_QKM_MoveFocusTo")) {
         QK_LOG_ERR("PTP_QKM_MoveFocusTo failed");
         return QK_ERROR;
     }

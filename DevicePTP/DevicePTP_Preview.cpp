@@ -28,16 +28,8 @@ int64_t NowMs()
 
 QKResult DevicePTP::PTPGetVideoSettings(VideoSettings* settings)
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_BASEMOD_VideoConfig), TRANSACTION_GETDATA, &reply,
-                        nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_BASEMOD_VideoConfig failed");
-        return QK_ERROR;
-    }
     std::vector<int> words;
-    const bool complete = ReplyWords(reply, settingsWords, &words, "PTP_BASEMOD_VideoConfig");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_BASEMOD_VideoConfig), settingsWords, &words, "PTP_BASEMOD_VideoConfig")) {
         QK_LOG_ERR("PTP_BASEMOD_VideoConfig failed");
         return QK_ERROR;
     }

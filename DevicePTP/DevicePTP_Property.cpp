@@ -26,16 +26,9 @@ const ProperyValConfig* FindByCameraValue(const ProperyConfig& config, int raw)
 
 QKResult DevicePTP::PTPReadPropety(int caseNumber, int* value)
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetPropCase, static_cast<unsigned int>(caseNumber), 1),
-                        TRANSACTION_GETDATA, &reply, nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_QKM_GetPropCase failed");
-        return QK_ERROR;
-    }
     std::vector<int> word;
-    bool complete = ReplyWords(reply, 1, &word, "PTP_QKM_GetPropCase");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_QKM_GetPropCase, static_cast<unsigned int>(caseNumber), 1), 1, &word,
+                    "PTP_QKM_GetPropCase")) {
         QK_LOG_ERR("PTP_QKM_GetPropCase failed");
         return QK_ERROR;
     }
@@ -279,16 +272,8 @@ QKResult DevicePTP::SetDefaultSDKFocus()
 
 QKResult DevicePTP::GetCamFlags(bool* bit0, bool* bit1, bool* bit2)
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetCamProperty), TRANSACTION_GETDATA, &reply,
-                        nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_QKM_GetCamProperty failed");
-        return QK_ERROR;
-    }
     std::vector<int> word;
-    bool complete = ReplyWords(reply, 1, &word, "PTP_QKM_GetCamProperty");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_QKM_GetCamProperty), 1, &word, "PTP_QKM_GetCamProperty")) {
         QK_LOG_ERR("PTP_QKM_GetCamProperty failed");
         return QK_ERROR;
     }

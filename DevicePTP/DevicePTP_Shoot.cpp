@@ -270,16 +270,8 @@ QKResult DevicePTP::FetchDirectPicture_(std::list<DataLen>* chunks, unsigned int
 
 void DevicePTP::DebugShootDirectEvents()
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetEvents), TRANSACTION_GETDATA, &reply, nullptr,
-                        nullptr)) {
-        QK_LOG_ERR("PTP_QKM_GetEvents failed");
-        return;
-    }
     std::vector<int> word;
-    const bool complete = ReplyWords(reply, 1, &word, "PTP_QKM_GetEvents");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_QKM_GetEvents), 1, &word, "PTP_QKM_GetEvents")) {
         QK_LOG_ERR("PTP_QKM_GetEvents failed");
         return;
     }

@@ -37,6 +37,20 @@ bool DevicePTP::ReplyWords(const DataLen& reply, unsigned int count, std::vector
     return true;
 }
 
+bool DevicePTP::FetchWords(std::vector<unsigned int> params, unsigned int count, std::vector<int>* words,
+                           const char* what)
+{
+    DataLen reply;
+    if (!PtpTransaction(PTP_OC_QKM, std::move(params), TRANSACTION_GETDATA, &reply, nullptr, nullptr))
+        return false;
+    std::vector<int> fetched;
+    const bool complete = ReplyWords(reply, count, &fetched, what);
+    FreePtpTransactionGetBuffer(reply);
+    if (complete)
+        *words = std::move(fetched);
+    return complete;
+}
+
 QKResult DevicePTP::QKMCommand(unsigned int subCommand, const char* failure)
 {
     if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(subCommand), TRANSACTION_NODATA, nullptr, nullptr,
@@ -49,21 +63,12 @@ QKResult DevicePTP::QKMCommand(unsigned int subCommand, const char* failure)
 
 QKResult DevicePTP::PTPQKMGet(int subCommand, int wordCount, std::vector<int>* words)
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(static_cast<unsigned int>(subCommand)),
-                        TRANSACTION_GETDATA, &reply, nullptr, nullptr)) {
+    if (wordCount < 0 ||
+        !FetchWords(PTPmkParams(static_cast<unsigned int>(subCommand)), static_cast<unsigned int>(wordCount),
+                    words, "PTPQKMGet")) {
         QK_LOG_ERR("PTPQKMGet failed: %d", subCommand);
         return QK_ERROR;
     }
-    std::vector<int> fetched;
-    bool complete = wordCount >= 0 &&
-                    ReplyWords(reply, static_cast<unsigned int>(wordCount), &fetched, "PTPQKMGet");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
-        QK_LOG_ERR("PTPQKMGet failed: %d", subCommand);
-        return QK_ERROR;
-    }
-    *words = std::move(fetched);
     return QK_OK;
 }
 
@@ -150,16 +155,8 @@ QKResult DevicePTP::QKMLoadVersion(const char* requiredVersion)
 
 QKResult DevicePTP::PTPLoadEvents()
 {
-    DataLen reply;
-    if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_GetEvents), TRANSACTION_GETDATA, &reply,
-                        nullptr, nullptr)) {
-        QK_LOG_ERR("PTP_QKM_GetEvents failed");
-        return QK_ERROR;
-    }
     std::vector<int> word;
-    bool complete = ReplyWords(reply, 1, &word, "PTP_QKM_GetEvents");
-    FreePtpTransactionGetBuffer(reply);
-    if (!complete) {
+    if (!FetchWords(PTPmkParams(PTP_QKM_GetEvents), 1, &word, "PTP_QKM_GetEvents")) {
         QK_LOG_ERR("PTP_QKM_GetEvents failed");
         return QK_ERROR;
     }

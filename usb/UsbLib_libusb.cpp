@@ -57,8 +57,13 @@ UsbLib_libusb::UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify) : UsbLib(noti
 {
     // A failed init shows at the first enumeration, which logs the error.
     libusb_init(nullptr);
-    if (notifyEnabled)
-        notifyThread = std::thread(&UsbLib_libusb::NotifyThread, this);
+    if (notifyEnabled) {
+        // The cameras there at construction are taken before the constructor
+        // returns, so one plugged in right after it is always told, however
+        // late the thread gets going.
+        std::set<std::wstring> known = GetAllConnectedDevicePaths();
+        notifyThread = std::thread(&UsbLib_libusb::NotifyThread, this, std::move(known));
+    }
 }
 
 UsbLib_libusb::~UsbLib_libusb()
@@ -78,9 +83,8 @@ UsbLib_libusb::~UsbLib_libusb()
     QK_LOG_INF("UsbLib_libusb exit");
 }
 
-void UsbLib_libusb::NotifyThread()
+void UsbLib_libusb::NotifyThread(std::set<std::wstring> known)
 {
-    std::set<std::wstring> known = GetAllConnectedDevicePaths();
     std::unique_lock<std::mutex> lock(notifyMutex);
     for (;;) {
         // The predicate keeps a spurious wake-up from looking like a stop.

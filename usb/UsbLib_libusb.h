@@ -34,7 +34,8 @@ protected:
 
 private:
     std::wstring GetDeviceIdString(libusb_device* device);
-    void NotifyThread();
+    // The thread's body; `known` is the set of cameras there at construction.
+    void NotifyThread(std::set<std::wstring> known);
 
     std::thread notifyThread;
     std::condition_variable notifyCondition;

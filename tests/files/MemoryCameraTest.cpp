@@ -25,10 +25,11 @@ TEST(MemoryCameraDownload, DownloadFasterThanTheClockShowsFiniteFigures)
     LogMark mark;
     for (int i = 0; i < 40; ++i)
         ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(handle), path), QK_OK);
-    // Ten bytes in at most a millisecond: the rate is taken over one.
+    // Ten bytes in memory take microseconds: the clock shows no time, and the
+    // rate is taken over its resolution of one millisecond, not divided by 0.
     const int instant = mark.Count("download time: 0.0000 sec");
     EXPECT_GE(instant, 1);
-    EXPECT_EQ(mark.Count("download rate: 0.0095 MB/sec"), 40);
+    EXPECT_GE(mark.Count("download rate: 0.0095 MB/sec"), instant);
     EXPECT_EQ(mark.Count("inf"), 0);
     EXPECT_EQ(mark.Count("nan"), 0);
 }
