@@ -1,6 +1,10 @@
-// Test entry: logs go to a directory of this process, and tests that talk to
-// virtual cameras first get the virtual bus's preload into the process.
+// Test entry: logs go to a directory of this process (removed when all its
+// tests pass), and tests that talk to virtual cameras first get the virtual
+// bus's preload into the process.
 #include <gtest/gtest.h>
+
+#include <ftw.h>
+#include <unistd.h>
 
 #include "log/Log.h"
 #include "tests/common/TestLog.h"
@@ -16,5 +20,13 @@ int main(int argc, char** argv)
 #endif
     LoggerSpecialInit(false, qktest::LogPath(), qktest::ApiLogPath());
     ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    // A passing process leaves nothing behind; a failing one keeps its log.
+    const std::string& dir = qktest::TempDir();
+    if (result == 0 && dir.rfind("/tmp/qkcam-test-", 0) == 0)
+        nftw(
+            dir.c_str(),
+            [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
+            FTW_DEPTH | FTW_PHYS);
+    return result;
 }
