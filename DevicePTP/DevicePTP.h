@@ -178,6 +178,9 @@ protected:
     bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
                       std::function<void(DataLen*)>* chunkCallback);
     bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    // Allocates `size` bytes and fills them from the data phase; on failure
+    // logs the stage and frees what it took.
+    bool ReadDataBlock(unsigned int size, const char* stage, DataLen* block);
     // Live preview: fetches and decodes one frame into `frame`, under previewMutex.
     QKResult PTPGetPreviewFrame(DataLen* frame);
     void FreePreviewFrames();

@@ -2,6 +2,7 @@
 // the battery followed, and the camera's flag word.
 
 #include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PropertyRules.h"
 #include "DevicePTP/PtpCodes.h"
 
 namespace {
@@ -13,14 +14,6 @@ constexpr int manualFocusOff = 1;
 
 const char unsupportedMode[] =
     "Unsupported camera mode: %d. Check camera mode (menu or mode wheel). Use A, P, M, Av or Tv mode.";
-
-const ProperyValConfig* FindByCameraValue(const ProperyConfig& config, int raw)
-{
-    for (const ProperyValConfig& v : config.values)
-        if (v.cameraValue == raw)
-            return &v;
-    return nullptr;
-}
 
 } // namespace
 
@@ -73,7 +66,7 @@ QKResult DevicePTP::InitialLoadProperties()
             QK_LOG_ERR("PTPReadPropety failed");
             return result;
         }
-        const ProperyValConfig* value = FindByCameraValue(config, raw);
+        const ProperyValConfig* value = FindPropertyValue(config, &ProperyValConfig::cameraValue, raw);
         if (!value) {
             if (property == QKProp::ShootingMode)
                 QK_LOG_ERR(unsupportedMode, raw);
@@ -163,7 +156,7 @@ QKResult DevicePTP::ReadCameraMode()
             QK_LOG_ERR("PTPReadPropety failed");
             return result;
         }
-        const ProperyValConfig* value = FindByCameraValue(config->second, raw);
+        const ProperyValConfig* value = FindPropertyValue(config->second, &ProperyValConfig::cameraValue, raw);
         if (!value) {
             QK_LOG_ERR(unsupportedMode, raw);
             return QK_ERROR;

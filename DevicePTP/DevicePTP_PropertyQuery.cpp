@@ -4,11 +4,8 @@
 #include <new>
 
 #include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PropertyRules.h"
 
-bool IsPropertyAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
-                                     QKProp property);
-bool IsPropertyValueAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
-                                          QKProp property, int value);
 
 QKResult DevicePTP::GetPropertyData(int property, int* value)
 {

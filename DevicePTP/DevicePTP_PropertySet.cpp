@@ -3,6 +3,7 @@
 // values written to the camera by write kind.
 
 #include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PropertyRules.h"
 #include "DevicePTP/PtpCodes.h"
 
 namespace {
@@ -20,17 +21,8 @@ bool Has(const CameraConfig& config, PropConstraint constraint)
     return config.constraints.count(constraint) != 0;
 }
 
-const ProperyValConfig* FindBySdkValue(const ProperyConfig& config, int value)
-{
-    for (const ProperyValConfig& v : config.values)
-        if (v.sdkValue == value)
-            return &v;
-    return nullptr;
-}
-
 } // namespace
 
-// A missing entry reads as 0 and is created, as the map's index does.
 bool IsPropertyAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
                                      QKProp property)
 {
@@ -114,7 +106,7 @@ QKResult DevicePTP::SetPropertyData(int property, int value)
             QK_LOG_ERR("failed to set read only property");
             return QK_ERROR;
         }
-        if (!FindBySdkValue(config->second, value)) {
+        if (!FindPropertyValue(config->second, &ProperyValConfig::sdkValue, value)) {
             QK_LOG_ERR("Unsupported property value: %d %d", property, value);
             return QK_UNSUPPORTED_VALUE;
         }
@@ -199,7 +191,7 @@ QKResult DevicePTP::PTPSetProperty(QKProp property)
 
     if (config.cameraId < 0)
         return QK_OK;
-    const ProperyValConfig* record = FindBySdkValue(config, value);
+    const ProperyValConfig* record = FindPropertyValue(config, &ProperyValConfig::sdkValue, value);
     if (!record) {
         QK_LOG_ERR("Unsupported property value: %d %d", static_cast<int>(property), value);
         return QK_ERROR;

@@ -158,19 +158,9 @@ bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* r
     const unsigned int dataLength = header.length - ptpHeaderSize;
 
     if (result) {
-        unsigned char* data = new (std::nothrow) unsigned char[dataLength];
-        if (!data) {
-            QK_LOG_ERR("PtpTransaction failed");
-            QK_LOG_ERR("GETDATA failed: can't allocate %u bytes", dataLength);
+        DataLen whole;
+        if (!ReadDataBlock(dataLength, "tail data stage", &whole))
             return false;
-        }
-        DataLen whole(data, dataLength);
-        if (!UsbReadExactly(&whole)) {
-            QK_LOG_ERR("PtpTransaction failed");
-            QK_LOG_ERR("GETDATA failed: tail data stage");
-            delete[] data;
-            return false;
-        }
         *result = whole;
         return true;
     }
@@ -183,21 +173,11 @@ bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* r
             if (first && size + firstPacketData <= remaining)
                 size += firstPacketData;
             first = false;
-            unsigned char* chunk = new (std::nothrow) unsigned char[size];
-            if (!chunk) {
-                QK_LOG_ERR("PtpTransaction failed");
-                QK_LOG_ERR("GETDATA failed: can't allocate %u bytes", size);
+            DataLen piece;
+            if (!ReadDataBlock(size, "tail data stage (with callback)", &piece))
                 return false;
-            }
-            DataLen piece(chunk, size);
-            if (!UsbReadExactly(&piece)) {
-                QK_LOG_ERR("PtpTransaction failed");
-                QK_LOG_ERR("GETDATA failed: tail data stage (with callback)");
-                delete[] chunk;
-                return false;
-            }
             (*chunkCallback)(&piece);
-            delete[] chunk;
+            FreePtpTransactionGetBuffer(piece);
             remaining -= size;
         }
         (*chunkCallback)(nullptr);
@@ -206,6 +186,27 @@ bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* r
 
     QK_LOG_ERR("PtpTransaction: Unknown result destination");
     return false;
+}
+
+bool DevicePTP::ReadDataBlock(unsigned int size, const char* stage, DataLen* block)
+{
+    // The size comes from the camera: an allocation that can't be had is a
+    // failed transaction, never an abort.
+    unsigned char* data = new (std::nothrow) unsigned char[size];
+    if (!data) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: can't allocate %u bytes", size);
+        return false;
+    }
+    DataLen read(data, size);
+    if (!UsbReadExactly(&read)) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: %s", stage);
+        delete[] data;
+        return false;
+    }
+    *block = read;
+    return true;
 }
 
 bool DevicePTP::PtpReadContainer(_PTPUSBBulkContainer* container)
