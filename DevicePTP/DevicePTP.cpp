@@ -34,10 +34,15 @@ DevicePTP::~DevicePTP()
 
 QKResult DevicePTP::Init()
 {
-    deviceHandle = usbLib->OpenDevice(devicePath);
-    if (!deviceHandle)
-        return QK_ERROR;
+    // A second Init keeps the open handle: opening again would claim the
+    // interface twice and lose the first handle.
+    if (!deviceHandle) {
+        deviceHandle = usbLib->OpenDevice(devicePath);
+        if (!deviceHandle)
+            return QK_ERROR;
+    }
     deviceName = usbLib->GetDeviceName(deviceHandle);
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
     if (!findCameraConfig(&cameraConfig, deviceName)) {
         QK_LOG_ERR("camera config not found: %S", deviceName.c_str());
         return QK_ERROR;
@@ -65,7 +70,23 @@ QKResult DevicePTP::QKMLoadSerialNumber()
 
 std::wstring DevicePTP::GetSerialNumber() { return serialNumber; }
 std::wstring DevicePTP::GetCameraName() { return deviceName; }
-std::wstring DevicePTP::GetCameraId() { return cameraConfig.name; }
+std::wstring DevicePTP::GetCameraId()
+{
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
+    return cameraConfig.name;
+}
+
+bool DevicePTP::HasProperty_(QKProp property)
+{
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
+    return cameraConfig.properties.count(property) != 0;
+}
+
+int DevicePTP::MaxZoom_()
+{
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
+    return static_cast<int>(cameraConfig.maxZoom);
+}
 
 void DevicePTP::RegisterPointer(void* pointer, std::function<void(void*)> release)
 {

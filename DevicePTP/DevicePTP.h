@@ -144,6 +144,11 @@ public:
     QKResult PTPDownloadCameraLog();
     void PTPDebugLogMemory(const char* tag);
 
+    // How long a zoom or shot chain waits for its camera before it fails
+    // (30 s unless set); slow cameras may need more. Any thread.
+    void SetChainTimeLimit(std::chrono::milliseconds limit);
+    std::chrono::milliseconds GetChainTimeLimit() const;
+
     // Capture: chains for ContProc::run, and video.
     ContProc* PTPShoot();
     ContProc* PTPShoot_Normal(std::function<void(QKFileInfo)> onCompleted);
@@ -178,6 +183,13 @@ protected:
     bool PtpDataPhase(unsigned short code, bool* generalError, DataLen* result,
                       std::function<void(DataLen*)>* chunkCallback);
     bool PtpReadContainer(_PTPUSBBulkContainer* container);
+    // Reads a container header of the transaction in flight, skipping (and
+    // logging) whole containers that belong to earlier transactions.
+    bool ReadOwnHeader(_PTPUSBBulkContainer* header);
+    // Reads `size` bytes of data and throws them away.
+    bool DrainData(unsigned int size);
+    // After a refused data header: drains the data and the response.
+    void SkipRestOfTransaction(unsigned int dataLength);
     // Allocates `size` bytes and fills them from the data phase; on failure
     // logs the stage and frees what it took.
     bool ReadDataBlock(unsigned int size, const char* stage, DataLen* block);
@@ -196,6 +208,9 @@ protected:
                     const char* what);
     static bool ReplyWords(const DataLen& reply, unsigned int count, std::vector<int>* words,
                            const char* what);
+    // The model record under stateMutex: LoadCameraFlags and Init change it.
+    bool HasProperty_(QKProp property);
+    int MaxZoom_();
     bool UsbWrite(DataLen* buffer);
     bool UsbReadExactly(DataLen* buffer);
 
@@ -209,6 +224,7 @@ protected:
     std::mutex registeredPointersMutex; // FreePointer may come from any thread
 
     unsigned int nextTransactionId = 0; // guarded by transactionMutex
+    unsigned int transactionInFlight = 0; // guarded by transactionMutex
     std::mutex transactionMutex;        // innermost: one whole attempt on the wire
 
     PreviewData previewData; // live preview
@@ -233,7 +249,9 @@ protected:
                           std::chrono::steady_clock::time_point deadline, int64_t* wait,
                           QKResult* result, bool* more);
     void ZoomTakeOver_(int zoom, bool manualFocusForZoom, QKResult* result, bool* more);
-    std::chrono::milliseconds zoomFinishLimit{30000};
+    // How long a zoom or shot chain waits for the camera to finish.
+    std::atomic<int64_t> chainTimeLimitMs{30000};
+    std::chrono::steady_clock::time_point ChainDeadline() const;
 
     struct {
         std::vector<QKFileInfo> objects;
@@ -247,14 +265,17 @@ protected:
     QKResult RemoveDirectFile_(int id);
     void ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
                            QKResult* result, bool* more);
-    void ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+    void ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted,
+                           std::chrono::steady_clock::time_point deadline, int64_t* wait,
                            QKResult* result, bool* more);
     QKResult FindShotFile_(QKFileInfo* file);
     void ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
                            QKResult* result, bool* more);
-    void ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+    void ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted,
+                           std::chrono::steady_clock::time_point deadline, int64_t* wait,
                            QKResult* result, bool* more);
-    QKResult FetchDirectPicture_(std::list<DataLen>* chunks, unsigned int* totalSize);
+    QKResult FetchDirectPicture_(std::chrono::steady_clock::time_point deadline,
+                                 std::list<DataLen>* chunks, unsigned int* totalSize);
 
     struct {
         int nextDirectFileId = -100; // ids go down from here and are never reused

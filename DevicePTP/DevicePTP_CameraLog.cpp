@@ -64,7 +64,7 @@ void DevicePTP::PTPDebugLogMemory(const char* tag)
 {
     if (!IsMemLogging())
         return;
-    const unsigned int address = StatisticsAddress(cameraConfig.name);
+    const unsigned int address = StatisticsAddress(GetCameraId());
     std::vector<int> words;
     if (!FetchWords(PTPmkParams(PTP_BASEMOD_ReadMem, address, 4 * statisticsWords), statisticsWords, &words,
                     "PTP_BASEMOD_ReadMem")) {

@@ -137,13 +137,17 @@ QKResult DevicePTP::DownloadCardFile_(int id, const std::string& path)
     }
     unsigned int bytes = 0;
     bool failed = false;
-    bool ended = false; // the null call came: any later chunk is the data sent again
+    bool started = false;
+    unsigned int attempt = 0;
     std::function<void(DataLen*)> onChunk = [&](DataLen* chunk) {
-        if (chunk && ended) {
-            // A general error after the data makes the transaction start
-            // over; the file starts over with it, so it never holds the data
-            // twice.
-            ended = false;
+        // The callback runs inside the attempt, under transactionMutex, and
+        // every attempt takes a new id: a general error makes the transaction
+        // start over, and the file and the count start over with it, whether
+        // the new attempt sends the data again or none at all.
+        const bool newAttempt = started && attempt != nextTransactionId;
+        started = true;
+        attempt = nextTransactionId;
+        if (newAttempt) {
             failed = !out.Rewind();
             if (failed)
                 QK_LOG_ERR("PTPDownloadFile: write file failed");
@@ -152,7 +156,6 @@ QKResult DevicePTP::DownloadCardFile_(int id, const std::string& path)
             bytes = 0;
         }
         if (!chunk) {
-            ended = true;
             if (!failed)
                 QK_LOG_DEB("PTPDownloadFile: final chunk");
             return;

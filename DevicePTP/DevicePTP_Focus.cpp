@@ -78,7 +78,7 @@ QKResult DevicePTP::PTPManualFocusGetParams(int* first, int* position)
 
 QKResult DevicePTP::UpdateFocusPos()
 {
-    if (!cameraConfig.properties.count(QKProp::ManualFocusMode))
+    if (!HasProperty_(QKProp::ManualFocusMode))
         return QK_UNKNOWN_PROPERTY;
     int first = 0;
     int position = 0;
@@ -128,6 +128,7 @@ void DevicePTP::SendFocusChanged()
 
 int DevicePTP::GetFocusWithShift(int zoom, int focus, int shift)
 {
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
     const std::vector<std::vector<int>>& table = cameraConfig.focusTable;
     if (table.empty())
         return 0;

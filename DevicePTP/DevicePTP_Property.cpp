@@ -96,7 +96,8 @@ QKResult DevicePTP::InitialLoadProperties()
 
 QKResult DevicePTP::PTPGetZoom(int* zoom)
 {
-    if (cameraConfig.maxZoom == 0) {
+    const int maxZoom = MaxZoom_();
+    if (maxZoom == 0) {
         *zoom = 0;
         return QK_OK;
     }
@@ -106,7 +107,7 @@ QKResult DevicePTP::PTPGetZoom(int* zoom)
         QK_LOG_ERR("PTP_QKM_GetZoom failed");
         return result;
     }
-    *zoom = std::min(words[0], static_cast<int>(cameraConfig.maxZoom));
+    *zoom = std::min(words[0], maxZoom);
     return QK_OK;
 }
 
@@ -174,7 +175,7 @@ QKResult DevicePTP::ReadCameraMode()
 
 QKResult DevicePTP::ReadBatteryLevel(bool initial)
 {
-    if (!cameraConfig.properties.count(QKProp::BatteryLevel))
+    if (!HasProperty_(QKProp::BatteryLevel))
         return QK_OK;
     std::vector<int> words;
     QKResult result = PTPQKMGet(PTP_QKM_GetVBat, 3, &words);
@@ -183,6 +184,7 @@ QKResult DevicePTP::ReadBatteryLevel(bool initial)
         return result;
     }
     const int voltage = words[0], full = words[1], empty = words[2];
+    std::unique_lock<std::recursive_mutex> filterLock(state.stateMutex);
     if (initial || !state.batteryFilter)
         state.batteryFilter = std::make_shared<ema>(batteryPeriod, voltage);
     state.batteryFilter->add(voltage);
@@ -203,6 +205,7 @@ QKResult DevicePTP::ReadBatteryLevel(bool initial)
             threshold += step;
         }
     }
+    filterLock.unlock();
 
     bool changed = false;
     {
@@ -222,7 +225,7 @@ QKResult DevicePTP::ReadBatteryLevel(bool initial)
 
 int DevicePTP::ReadVoltage()
 {
-    if (!cameraConfig.properties.count(QKProp::BatteryLevel))
+    if (!HasProperty_(QKProp::BatteryLevel))
         return 0;
     std::vector<int> words;
     if (PTPQKMGet(PTP_QKM_GetVBat, 3, &words) != QK_OK) {
@@ -248,9 +251,10 @@ QKResult DevicePTP::SetDefaultSDKFocus()
     static const std::pair<int, int> sx160[] = {{8, 1}, {299, 0}, {349, 0}, {145, 4}};
     static const std::pair<int, int> sx170[] = {{8, 1}, {298, 0}, {348, 0}, {145, 2}};
     const std::pair<int, int>* steps = nullptr;
-    if (cameraConfig.name == L"SX160")
+    const std::wstring model = GetCameraId();
+    if (model == L"SX160")
         steps = sx160;
-    else if (cameraConfig.name == L"SX170")
+    else if (model == L"SX170")
         steps = sx170;
     else
         return QK_OK;

@@ -21,33 +21,39 @@ bool Has(const CameraConfig& config, PropConstraint constraint)
     return config.constraints.count(constraint) != 0;
 }
 
+int CachedOrZero(const std::map<QKProp, int>& values, QKProp property)
+{
+    auto cached = values.find(property);
+    return cached == values.end() ? 0 : cached->second;
+}
+
 } // namespace
 
-bool IsPropertyAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
+bool IsPropertyAvailableByConstraint(const std::map<QKProp, int>& values, const CameraConfig& config,
                                      QKProp property)
 {
     if (Has(config, Constraint_Av) && property == QKProp::Av) {
-        int mode = values[QKProp::ShootingMode];
+        const int mode = CachedOrZero(values, QKProp::ShootingMode);
         return mode == modeAV || mode == modeManual;
     }
     if (Has(config, Constraint_Tv) && property == QKProp::Tv) {
-        int mode = values[QKProp::ShootingMode];
+        const int mode = CachedOrZero(values, QKProp::ShootingMode);
         return mode == modeTV || mode == modeManual;
     }
     const int number = static_cast<int>(property);
     if (Has(config, Constraint_CustomColor) && number >= static_cast<int>(QKProp::Contrast) &&
         number <= static_cast<int>(QKProp::SkinTone))
-        return values[QKProp::MyColors] == myColorsCustom;
+        return CachedOrZero(values, QKProp::MyColors) == myColorsCustom;
     return true;
 }
 
-bool IsPropertyValueAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
+bool IsPropertyValueAvailableByConstraint(const std::map<QKProp, int>& values, const CameraConfig& config,
                                           QKProp property, int value)
 {
     if (!IsPropertyAvailableByConstraint(values, config, property))
         return false;
     if (Has(config, Constraint_JpegQuality) && property == QKProp::JpegQuality &&
-        value == qualitySuperfine && values[QKProp::ImageSize] == imageSizeLarge)
+        value == qualitySuperfine && CachedOrZero(values, QKProp::ImageSize) == imageSizeLarge)
         return false;
     return true;
 }
@@ -56,9 +62,11 @@ std::vector<QKProp> SetPropertyData_ModifyProperies(std::map<QKProp, int>& value
                                                     const CameraConfig& config, QKProp property,
                                                     int value)
 {
+    // Only a quality that is known is changed: an unloaded one stays unknown.
+    auto quality = values.find(QKProp::JpegQuality);
     if (Has(config, Constraint_JpegQuality) && property == QKProp::ImageSize &&
-        value == imageSizeLarge && values[QKProp::JpegQuality] == qualitySuperfine) {
-        values[QKProp::JpegQuality] = qualityFine;
+        value == imageSizeLarge && quality != values.end() && quality->second == qualitySuperfine) {
+        quality->second = qualityFine;
         return {QKProp::JpegQuality};
     }
     return {};

@@ -15,6 +15,10 @@ namespace {
 constexpr int64_t pollMs = 100;
 constexpr int fileSearchRetries = 4;
 constexpr auto fileSearchWait = std::chrono::milliseconds(500);
+// A direct picture is a few megabytes in a few dozen pieces; a camera that
+// keeps saying "more" past these is broken, not slow.
+constexpr int maxDirectPieces = 4096;
+constexpr unsigned int maxDirectBytes = 256u << 20;
 
 // Event bits that only go to the log while a direct shot runs.
 constexpr struct {
@@ -26,7 +30,25 @@ constexpr struct {
     {0x2000, "EVENT_GET_JPEG_TIMEOUT"}, {0x4000, "EVENT_LAST_JPEG_CHUNK"},
 };
 
+void FreePieces(std::map<int, std::list<DataLen>>* runs)
+{
+    for (auto& run : *runs)
+        for (DataLen& piece : run.second)
+            DevicePTP::FreePtpTransactionGetBuffer(piece);
+    runs->clear();
+}
+
 } // namespace
+
+void DevicePTP::SetChainTimeLimit(std::chrono::milliseconds limit) { chainTimeLimitMs = limit.count(); }
+std::chrono::milliseconds DevicePTP::GetChainTimeLimit() const
+{
+    return std::chrono::milliseconds(chainTimeLimitMs.load());
+}
+std::chrono::steady_clock::time_point DevicePTP::ChainDeadline() const
+{
+    return std::chrono::steady_clock::now() + GetChainTimeLimit();
+}
 
 ContProc* DevicePTP::PTPShoot()
 {
@@ -74,15 +96,17 @@ void DevicePTP::ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)
         return;
     }
     DevicePTP* self = this;
+    const auto deadline = ChainDeadline();
     *wait = pollMs;
     *more = true;
     // onCompleted is this call's own copy, so replacing the step is safe.
-    proc->step = [self, onCompleted](ContProc*, int64_t* w, QKResult* r, bool* m) {
-        self->ShootNormalAwait_(onCompleted, w, r, m);
+    proc->step = [self, onCompleted, deadline](ContProc*, int64_t* w, QKResult* r, bool* m) {
+        self->ShootNormalAwait_(onCompleted, deadline, w, r, m);
     };
 }
 
-void DevicePTP::ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+void DevicePTP::ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted,
+                                  std::chrono::steady_clock::time_point deadline, int64_t* wait,
                                   QKResult* result, bool* more)
 {
     *more = false;
@@ -93,6 +117,11 @@ void DevicePTP::ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompl
         return;
     }
     if (!cameraEvents[SHOOT_FINISHED]) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            QK_LOG_ERR("Shoot: no finish event within %lld ms", static_cast<long long>(chainTimeLimitMs.load()));
+            *result = QK_ERROR;
+            return;
+        }
         *wait = pollMs;
         *more = true;
         return;
@@ -174,14 +203,16 @@ void DevicePTP::ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)
     }
     PTPDebugLogMemory("after shoot transaction");
     DevicePTP* self = this;
+    const auto deadline = ChainDeadline();
     *wait = pollMs;
     *more = true;
-    proc->step = [self, onCompleted](ContProc*, int64_t* w, QKResult* r, bool* m) {
-        self->ShootDirectAwait_(onCompleted, w, r, m);
+    proc->step = [self, onCompleted, deadline](ContProc*, int64_t* w, QKResult* r, bool* m) {
+        self->ShootDirectAwait_(onCompleted, deadline, w, r, m);
     };
 }
 
-void DevicePTP::ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted, int64_t* wait,
+void DevicePTP::ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted,
+                                  std::chrono::steady_clock::time_point deadline, int64_t* wait,
                                   QKResult* result, bool* more)
 {
     *more = false;
@@ -197,6 +228,12 @@ void DevicePTP::ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompl
     PTPDebugLogMemory("after PTP_QKM_RemoteCaptureIsReady");
     LogVoltage("after PTP_QKM_RemoteCaptureIsReady");
     if (words[0] == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            QK_LOG_ERR("Shoot: remote capture not ready within %lld ms",
+                       static_cast<long long>(chainTimeLimitMs.load()));
+            *result = QK_ERROR;
+            return;
+        }
         *wait = pollMs;
         *more = true;
         return;
@@ -205,7 +242,7 @@ void DevicePTP::ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompl
 
     std::list<DataLen> chunks;
     unsigned int totalSize = 0;
-    if (FetchDirectPicture_(&chunks, &totalSize) != QK_OK) {
+    if (FetchDirectPicture_(deadline, &chunks, &totalSize) != QK_OK) {
         *result = QK_ERROR;
         return;
     }
@@ -228,23 +265,28 @@ void DevicePTP::ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompl
     *result = QK_OK;
 }
 
-QKResult DevicePTP::FetchDirectPicture_(std::list<DataLen>* chunks, unsigned int* totalSize)
+QKResult DevicePTP::FetchDirectPicture_(std::chrono::steady_clock::time_point deadline,
+                                        std::list<DataLen>* chunks, unsigned int* totalSize)
 {
     // Runs of pieces by the position that started them; a piece with
     // position -1 continues the current run. The key only orders the runs.
     std::map<int, std::list<DataLen>> runs;
     int currentPosition = 0;
     unsigned int total = 0;
-    for (;;) {
+    for (int pieces = 0;; ++pieces) {
+        if (pieces == maxDirectPieces || std::chrono::steady_clock::now() >= deadline) {
+            QK_LOG_ERR("PTP_QKM_RemoteCaptureGetData: picture not complete after %d pieces, %u bytes", pieces,
+                       total);
+            FreePieces(&runs);
+            return QK_ERROR;
+        }
         LogVoltage("before PTP_QKM_RemoteCaptureGetData");
         DataLen chunk;
         std::vector<unsigned int> words;
         if (!PtpTransaction(PTP_OC_QKM, PTPmkParams(PTP_QKM_RemoteCaptureGetData, 1), TRANSACTION_GETDATA,
                             &chunk, &words, nullptr)) {
             QK_LOG_ERR("PTP_QKM_RemoteCaptureGetData failed");
-            for (auto& run : runs)
-                for (DataLen& piece : run.second)
-                    FreePtpTransactionGetBuffer(piece);
+            FreePieces(&runs);
             return QK_ERROR;
         }
         PTPDebugLogMemory("after PTP_QKM_RemoteCaptureGetData");
@@ -257,6 +299,11 @@ QKResult DevicePTP::FetchDirectPicture_(std::list<DataLen>* chunks, unsigned int
         if (position != -1)
             currentPosition = position;
         runs[currentPosition].push_back(chunk);
+        if (chunk.len > maxDirectBytes - total) {
+            QK_LOG_ERR("PTP_QKM_RemoteCaptureGetData: picture over %u bytes", maxDirectBytes);
+            FreePieces(&runs);
+            return QK_ERROR;
+        }
         total += chunk.len;
         if (more == 0)
             break;

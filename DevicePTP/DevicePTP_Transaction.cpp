@@ -1,6 +1,7 @@
 // PTP transactions: a command container, at most one data phase from the
 // camera, and a response container.
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -9,10 +10,20 @@
 #include "DevicePTP/DevicePTP.h"
 #include "DevicePTP/PtpCodes.h"
 
+#ifndef QK_GENERAL_ERROR_WAIT_MS
+#define QK_GENERAL_ERROR_WAIT_MS 300
+#endif
+
 namespace {
 constexpr int maxAttempts = 3;
-constexpr auto generalErrorWait = std::chrono::milliseconds(300);
+constexpr auto generalErrorWait = std::chrono::milliseconds(QK_GENERAL_ERROR_WAIT_MS);
 constexpr unsigned int maxChunk = 0x100000;
+// Whole replies are allocated before they arrive, so the camera must not be
+// able to ask for more than the largest real reply, with room to spare.
+constexpr unsigned int maxWholeReply = 64u << 20;
+// A late answer to a timed-out transaction is a data and a response
+// container; more foreign containers than this means the link is lost.
+constexpr int maxForeignContainers = 8;
 // Data bytes that came in the header's packet; behind them a chunk of
 // maxChunk bytes is a whole number of packets.
 constexpr unsigned int firstPacketData = 500;
@@ -77,6 +88,7 @@ bool DevicePTP::PtpTransaction_(unsigned short code, std::vector<unsigned int> p
     command.type = CONTAINER_COMMAND;
     command.code = code;
     command.transId = nextTransactionId++;
+    transactionInFlight = command.transId;
     if (!params.empty()) // an empty vector may have no storage at all
         std::memcpy(command.payload, params.data(), 4 * params.size());
     DataLen commandBytes(&command, command.length);
@@ -130,8 +142,7 @@ bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* r
 {
     _PTPUSBBulkContainer header;
     std::memset(&header, 0, sizeof(header));
-    DataLen headerBytes(&header, ptpHeaderSize);
-    if (!UsbReadExactly(&headerBytes)) {
+    if (!ReadOwnHeader(&header)) {
         QK_LOG_ERR("PtpTransaction failed");
         QK_LOG_ERR("GETDATA failed: can't read header");
         return false;
@@ -145,18 +156,25 @@ bool DevicePTP::PtpDataPhase(unsigned short code, bool* generalError, DataLen* r
         }
         return false;
     }
-    if (header.code != code) {
-        QK_LOG_ERR("PtpTransaction failed");
-        QK_LOG_ERR("GETDATA failed: wrong code");
-        return false;
-    }
     if (header.length < ptpHeaderSize) {
         QK_LOG_ERR("PtpTransaction failed");
         QK_LOG_ERR("GETDATA failed: container length %u below the header", header.length);
         return false;
     }
     const unsigned int dataLength = header.length - ptpHeaderSize;
+    if (header.code != code) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: wrong code");
+        SkipRestOfTransaction(dataLength);
+        return false;
+    }
 
+    if (result && dataLength > maxWholeReply) {
+        QK_LOG_ERR("PtpTransaction failed");
+        QK_LOG_ERR("GETDATA failed: reply of %u bytes is over the limit of %u", dataLength, maxWholeReply);
+        SkipRestOfTransaction(dataLength);
+        return false;
+    }
     if (result) {
         DataLen whole;
         if (!ReadDataBlock(dataLength, "tail data stage", &whole))
@@ -212,8 +230,7 @@ bool DevicePTP::ReadDataBlock(unsigned int size, const char* stage, DataLen* blo
 bool DevicePTP::PtpReadContainer(_PTPUSBBulkContainer* container)
 {
     std::memset(container, 0, sizeof(*container));
-    DataLen headerBytes(container, ptpHeaderSize);
-    if (!UsbReadExactly(&headerBytes)) {
+    if (!ReadOwnHeader(container)) {
         QK_LOG_ERR("PtpReadContainer: packed header read failed");
         return false;
     }
@@ -233,4 +250,61 @@ bool DevicePTP::PtpReadContainer(_PTPUSBBulkContainer* container)
         return false;
     }
     return true;
+}
+
+bool DevicePTP::ReadOwnHeader(_PTPUSBBulkContainer* header)
+{
+    // Every vendor sub-command shares one operation code, so only the
+    // transaction id tells a late answer to an earlier, timed-out transaction
+    // from the answer to this one.
+    for (int foreign = 0;; ++foreign) {
+        DataLen headerBytes(header, ptpHeaderSize);
+        if (!UsbReadExactly(&headerBytes))
+            return false;
+        if (header->transId == transactionInFlight)
+            return true;
+        const bool container = (header->type == CONTAINER_DATA || header->type == CONTAINER_RESPONSE) &&
+                               header->length >= ptpHeaderSize;
+        if (!container || foreign == maxForeignContainers) {
+            QK_LOG_ERR("PtpTransaction: out of step with the camera (transaction %u, got type %u of %u)",
+                       transactionInFlight, static_cast<unsigned int>(header->type), header->transId);
+            return false;
+        }
+        QK_LOG_ERR("PtpTransaction: discarding a stale container (type %u, transaction %u, waiting for %u)",
+                   static_cast<unsigned int>(header->type), header->transId, transactionInFlight);
+        if (!DrainData(header->length - ptpHeaderSize))
+            return false;
+    }
+}
+
+bool DevicePTP::DrainData(unsigned int size)
+{
+    if (size == 0)
+        return true;
+    const unsigned int scratchSize = std::min(size, maxChunk);
+    unsigned char* scratch = new (std::nothrow) unsigned char[scratchSize];
+    if (!scratch) {
+        QK_LOG_ERR("PtpTransaction: can't allocate %u bytes to drain", scratchSize);
+        return false;
+    }
+    bool drained = true;
+    for (unsigned int remaining = size; remaining > 0 && drained;) {
+        DataLen piece(scratch, std::min(remaining, scratchSize));
+        drained = UsbReadExactly(&piece);
+        remaining -= piece.len;
+    }
+    delete[] scratch;
+    if (!drained)
+        QK_LOG_ERR("PtpTransaction: the camera stopped while %u bytes were drained", size);
+    return drained;
+}
+
+void DevicePTP::SkipRestOfTransaction(unsigned int dataLength)
+{
+    // The data nobody wants and the response behind it are read away, so the
+    // next transaction starts at its own answer.
+    if (!DrainData(dataLength))
+        return;
+    _PTPUSBBulkContainer response;
+    PtpReadContainer(&response);
 }

@@ -19,7 +19,7 @@ constexpr int manualFocusOff = 1;
 
 QKResult DevicePTP::GetMaximumZoom(int* zoom)
 {
-    *zoom = cameraConfig.maxZoom;
+    *zoom = MaxZoom_();
     return QK_OK;
 }
 
@@ -73,7 +73,7 @@ void DevicePTP::SendZoomChanged()
 
 ContProc* DevicePTP::PTPSetZoom(int zoom)
 {
-    zoom = std::max(std::min(zoom, static_cast<int>(cameraConfig.maxZoom)), 0);
+    zoom = std::max(std::min(zoom, MaxZoom_()), 0);
     DevicePTP* device = this;
     return new ContProc([device, zoom](ContProc* self, int64_t* wait, QKResult* result, bool* more) {
         device->ZoomCommand_(self, zoom, wait, result, more);
@@ -83,10 +83,11 @@ ContProc* DevicePTP::PTPSetZoom(int zoom)
 void DevicePTP::ZoomCommand_(ContProc* proc, int zoom, int64_t* wait, QKResult* result, bool* more)
 {
     bool manualFocusForZoom = false;
-    if (cameraConfig.properties.count(QKProp::ManualFocusMode)) {
+    {
         std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
         auto value = state.propertyValues.find(QKProp::ManualFocusMode);
-        manualFocusForZoom = value != state.propertyValues.end() && value->second == manualFocusOff;
+        manualFocusForZoom = cameraConfig.properties.count(QKProp::ManualFocusMode) &&
+                             value != state.propertyValues.end() && value->second == manualFocusOff;
     }
     if (manualFocusForZoom) {
         // Holds the focus while the lens moves; failure is logged by the call.
@@ -102,7 +103,7 @@ void DevicePTP::ZoomCommand_(ContProc* proc, int zoom, int64_t* wait, QKResult* 
         *result = QK_ERROR;
         return;
     }
-    const auto deadline = std::chrono::steady_clock::now() + zoomFinishLimit;
+    const auto deadline = ChainDeadline();
     *wait = firstPollDelayMs;
     *more = true;
     DevicePTP* device = this;
@@ -135,7 +136,7 @@ void DevicePTP::ZoomAwaitFinish_(ContProc* proc, int zoom, bool manualFocusForZo
     // caller blocked for good; a real lens needs a few seconds at most.
     if (std::chrono::steady_clock::now() >= deadline) {
         QK_LOG_ERR("zoom to %d not finished within %lld ms", zoom,
-                   static_cast<long long>(zoomFinishLimit.count()));
+                   static_cast<long long>(chainTimeLimitMs.load()));
         QK_LOG_ERR("PTPLoadEvents() failed");
         *result = QK_ERROR;
         return;

@@ -1,7 +1,8 @@
 #pragma once
 // Shared by property loading, writing and queries: finding a value in a
 // model's table, and the constraints between properties. A missing cache
-// entry reads as 0 and is created, as the map's index does.
+// entry (nothing loaded yet) reads as 0 for a constraint and is never created:
+// a query must not make a property look known.
 
 #include <map>
 #include <vector>
@@ -19,9 +20,9 @@ inline const ProperyValConfig* FindPropertyValue(const ProperyConfig& config,
     return nullptr;
 }
 
-bool IsPropertyAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
+bool IsPropertyAvailableByConstraint(const std::map<QKProp, int>& values, const CameraConfig& config,
                                      QKProp property);
-bool IsPropertyValueAvailableByConstraint(std::map<QKProp, int>& values, const CameraConfig& config,
+bool IsPropertyValueAvailableByConstraint(const std::map<QKProp, int>& values, const CameraConfig& config,
                                           QKProp property, int value);
 // Carries out the one dependent change in `values` and lists what it changed.
 std::vector<QKProp> SetPropertyData_ModifyProperies(std::map<QKProp, int>& values,

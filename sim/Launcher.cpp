@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -259,6 +260,13 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    const size_t plugged = cameras.size() + static_cast<size_t>(std::count_if(
+        hotplugs.begin(), hotplugs.end(), [](const qksim::HotplugEvent& event) { return event.plug; }));
+    if (plugged > static_cast<size_t>(qksim::VirtualBus::maxCameras)) {
+        std::fprintf(stderr, "qkcam-virtual: %zu cameras asked for, at most %d can be emulated\n", plugged,
+                     qksim::VirtualBus::maxCameras);
+        return 2;
+    }
     for (const auto& event : hotplugs) {
         if (!event.plug && !NamesCamera(event.setup.serial, cameras, hotplugs)) {
             std::fprintf(stderr, "qkcam-virtual: --unplug-after: no camera with serial %s\n",

@@ -127,6 +127,10 @@ public:
 
 class VirtualBus {
 public:
+    // umockdev's preload tracks at most this many emulated device files in
+    // the program, and aborts it past that: one per opened camera.
+    static constexpr int maxCameras = 50;
+
     // Re-executes the program with umockdev's preload library when it is not
     // loaded yet; returns false only if that could not be done.
     // Once the library is there, it makes the bus, so that its testbed exists

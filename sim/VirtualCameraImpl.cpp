@@ -1,11 +1,20 @@
 #include "sim/VirtualCameraImpl.h"
 
 #include "sim/CameraOperations.h"
+#include "models/CameraConfig.h"
+#include "sim/CameraSettings.h"
+#include "usb/UsbLib.h"
 
 namespace qksim {
 
 std::string DefaultProduct(const std::string& model)
 {
+    // The engine finds a camera's record by the record's name inside the
+    // product string, so a model given by its short name (SX40 for SX40HS)
+    // is shown under the record's name.
+    CameraConfig record;
+    if (FindModelRecord(model, "", &record))
+        return "QK Virtual Camera " + wstrToStr(record.name);
     return "QK Virtual Camera " + model;
 }
 

@@ -72,7 +72,7 @@ public:
 
     CameraConfig& Record() { return cameraConfig; }
     bool ZoomFinishedFlag() { return cameraEvents[ZOOM_FINISHED]; }
-    void SetZoomFinishLimit(std::chrono::milliseconds limit) { zoomFinishLimit = limit; }
+    void SetZoomFinishLimit(std::chrono::milliseconds limit) { SetChainTimeLimit(limit); }
 
     std::atomic<int> guardCalls{0};
     std::atomic<QKResult> guardResult{QK_OK};
