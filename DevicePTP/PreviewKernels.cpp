@@ -12,7 +12,15 @@
 #include <immintrin.h>
 #elif defined(__aarch64__) && defined(__ARM_NEON)
 #define QK_PREVIEW_NEON 1
+#define QK_NEON
 #include <arm_neon.h>
+#elif defined(__arm__) && defined(__ARM_FP) && defined(__linux__) && defined(__GNUC__) && !defined(__clang__)
+// 32-bit ARM: the baseline lacks NEON, so only the kernel is built for it and
+// it runs where the CPU says it has it.
+#define QK_PREVIEW_NEON 1
+#define QK_NEON __attribute__((target("fpu=neon")))
+#include <arm_neon.h>
+#include <sys/auxv.h>
 #endif
 
 namespace previewkernels {
@@ -213,23 +221,57 @@ bool MachineHas(const char* what)
 
 #ifdef QK_PREVIEW_NEON
 
-// One source row into one picture row, 16 picture pixels a step: a table
-// lookup gathers each block's Y, U and V bytes from its 64-byte window, and
+#ifdef __aarch64__
+using NeonWindow = uint8x16x4_t;
+
+inline NeonWindow LoadWindow(const unsigned char* at) { return vld1q_u8_x4(at); }
+
+inline uint8x16_t Gather(const NeonWindow& window, const uint8_t* lookup)
+{
+    return vqtbl4q_u8(window, vld1q_u8(lookup));
+}
+#else
+// ARMv7's lookups reach 32 bytes: the window's first half, then its second
+// for the places the first left (those of the first wrap past 32 and stay).
+struct NeonWindow {
+    uint8x8x4_t near, far;
+};
+
+QK_NEON inline NeonWindow LoadWindow(const unsigned char* at)
+{
+    NeonWindow window;
+    for (int i = 0; i < 4; ++i) {
+        window.near.val[i] = vld1_u8(at + 8 * i);
+        window.far.val[i] = vld1_u8(at + 32 + 8 * i);
+    }
+    return window;
+}
+
+QK_NEON inline uint8x16_t Gather(const NeonWindow& window, const uint8_t* lookup)
+{
+    const uint8x16_t at = vld1q_u8(lookup);
+    const uint8x16_t beyond = vsubq_u8(at, vdupq_n_u8(32));
+    return vcombine_u8(vtbx4_u8(vtbl4_u8(window.near, vget_low_u8(at)), window.far, vget_low_u8(beyond)),
+                       vtbx4_u8(vtbl4_u8(window.near, vget_high_u8(at)), window.far, vget_high_u8(beyond)));
+}
+#endif
+
+// One source row into one picture row, 16 picture pixels a step: table
+// lookups gather each block's Y, U and V bytes from its 64-byte window, and
 // the arithmetic is the one of the x86 path.
-void ConvertRowNeon(const unsigned char* src, unsigned char* dst, const uint32_t* base,
-                    const uint8_t* lookup, unsigned int blocks)
+QK_NEON void ConvertRowNeon(const unsigned char* src, unsigned char* dst, const uint32_t* base,
+                            const uint8_t* lookup, unsigned int blocks)
 {
     for (unsigned int block = 0; block < blocks; ++block, lookup += 48, dst += 48) {
-        const uint8x16x4_t window = vld1q_u8_x4(src + base[block]);
-        const uint8x16_t y = vqtbl4q_u8(window, vld1q_u8(lookup));
-        const int8x16_t u = vreinterpretq_s8_u8(vqtbl4q_u8(window, vld1q_u8(lookup + 16)));
-        const int8x16_t v = vreinterpretq_s8_u8(vqtbl4q_u8(window, vld1q_u8(lookup + 32)));
+        const NeonWindow window = LoadWindow(src + base[block]);
+        const uint8x16_t y = Gather(window, lookup);
+        const int8x16_t u = vreinterpretq_s8_u8(Gather(window, lookup + 16));
+        const int8x16_t v = vreinterpretq_s8_u8(Gather(window, lookup + 32));
         int16x8_t blue[2], green[2], red[2];
         for (int half = 0; half < 2; ++half) {
-            const int16x8_t luma =
-                vreinterpretq_s16_u16(half ? vmovl_high_u8(y) : vmovl_u8(vget_low_u8(y)));
-            const int16x8_t u1 = half ? vmovl_high_s8(u) : vmovl_s8(vget_low_s8(u));
-            const int16x8_t v1 = half ? vmovl_high_s8(v) : vmovl_s8(vget_low_s8(v));
+            const int16x8_t luma = vreinterpretq_s16_u16(vmovl_u8(half ? vget_high_u8(y) : vget_low_u8(y)));
+            const int16x8_t u1 = vmovl_s8(half ? vget_high_s8(u) : vget_low_s8(u));
+            const int16x8_t v1 = vmovl_s8(half ? vget_high_s8(v) : vget_low_s8(v));
             const int16x8_t u8 = vshlq_n_s16(u1, 3);
             const int16x8_t v8 = vshlq_n_s16(v1, 3);
             // (8x * k * 2 + 2^15) >> 16 is (k x + 2048) >> 12.
@@ -279,8 +321,14 @@ bool Available(Kernel kernel)
     }
 #endif
 #ifdef QK_PREVIEW_NEON
-    case Kernel::Neon:
+    case Kernel::Neon: {
+#ifdef __aarch64__
         return true;
+#else
+        static const bool neon = (getauxval(AT_HWCAP) & HWCAP_ARM_NEON) != 0;
+        return neon;
+#endif
+    }
 #endif
     default:
         return false;
@@ -331,8 +379,11 @@ void BuildTables(Kernel kernel, unsigned int windows, const std::uint8_t* positi
             }
 }
 
-void ConvertRow(Kernel kernel, const Tables& tables, const unsigned char* src, unsigned char* dst,
-                const std::uint32_t* base, unsigned int steps)
+// Without vector code (another machine, or clang on 32-bit ARM) only the
+// kernel is read.
+void ConvertRow(Kernel kernel, [[maybe_unused]] const Tables& tables, [[maybe_unused]] const unsigned char* src,
+                [[maybe_unused]] unsigned char* dst, [[maybe_unused]] const std::uint32_t* base,
+                [[maybe_unused]] unsigned int steps)
 {
     switch (kernel) {
 #ifdef QK_PREVIEW_X86

@@ -13,7 +13,7 @@ namespace previewkernels {
 
 enum class Kernel {
     None,   // the portable code only
-    Neon,   // 64-bit ARM: 16 pixels a window of 64 bytes
+    Neon,   // ARM (32-bit only where the CPU has NEON): 16 pixels a window of 64 bytes
     Avx2,   // x86: 16 pixels a window of 64 bytes, two windows a step
     Avx512, // x86 with the byte permutes of AVX-512 VBMI: 64 pixels a window of 256 bytes
 };
