@@ -1,5 +1,7 @@
 #include "sim/CameraSettings.h"
 
+#include <algorithm>
+#include <cwctype>
 #include <memory>
 
 #include "models/CameraDB.h"
@@ -18,6 +20,17 @@ bool FindModelRecord(const std::string& model, const std::string& product, Camer
             *out = record;
             return true;
         }
+    // A short name: SX40 for SX40HS, the record's name followed by letters only
+    // (so SX40 never stands for SX400IS).
+    for (const CameraConfig& record : cameraDB) {
+        const std::wstring& name = record.name;
+        if (!wideModel.empty() && name.compare(0, wideModel.size(), wideModel) == 0 &&
+            std::all_of(name.begin() + static_cast<long>(wideModel.size()), name.end(),
+                        [](wchar_t c) { return std::iswalpha(c) != 0; })) {
+            *out = record;
+            return true;
+        }
+    }
     return findCameraConfig(out, strToWstr(product)) || findCameraConfig(out, wideModel);
 }
 

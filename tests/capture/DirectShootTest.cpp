@@ -172,4 +172,48 @@ TEST_F(DirectShoot, CameraRefusingToStartEndsTheChain)
     EXPECT_TRUE(shots.empty());
 }
 
+// A camera that never finishes: each chain ends at its deadline with
+// everything it held freed (the leak check of the sanitizer build sees that).
+struct Endless {
+    const char* what;
+    bool direct;
+    void (*arrange)(qksim::VirtualCamera&);
+    const char* line;
+};
+
+void PrintTo(const Endless& e, std::ostream* os) { *os << e.what; }
+
+class EndlessShot : public DirectShoot, public ::testing::WithParamInterface<Endless> {};
+
+TEST_P(EndlessShot, EndsAtTheChainDeadline)
+{
+    GetParam().arrange(*camera);
+    device->SetChainTimeLimit(std::chrono::milliseconds(300));
+    LogMark mark;
+    const QKResult result = GetParam().direct ? ShootDirect() : ContProc::run(device->PTPShoot());
+    EXPECT_EQ(result, QK_ERROR);
+    EXPECT_EQ(mark.Count(GetParam().line, "ERR"), 1);
+    EXPECT_TRUE(shots.empty());
+    EXPECT_TRUE(device->completed.empty());
+    EXPECT_EQ(device->DirectFileCount(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Chains, EndlessShot,
+    ::testing::Values(
+        Endless{"NoFinishEvent", false, [](qksim::VirtualCamera& c) { c.Shutter().SetShotDuration(600000); },
+                "Shoot: no finish event within 300 ms"},
+        Endless{"NeverReady", true, [](qksim::VirtualCamera& c) { c.Shutter().SetRemoteReadyDelay(600000); },
+                "Shoot: remote capture not ready within 300 ms"},
+        Endless{"MoreForEver", true,
+                [](qksim::VirtualCamera& c) {
+                    PtpReply piece;
+                    piece.hasData = true;
+                    piece.data.assign(4096, 0xAB);
+                    piece.responseParams = {4096, 1, 0xFFFFFFFFu};
+                    c.SetVendorHandler(PTP_QKM_RemoteCaptureGetData, [piece](const PtpCommand&) { return piece; });
+                },
+                "picture not complete after"}),
+    [](const ::testing::TestParamInfo<Endless>& info) { return std::string(info.param.what); });
+
 } // namespace

@@ -96,15 +96,20 @@ TEST_F(DevicePTPTest, ProductWithoutModelNameKeepsTheHandleButNoRecord)
 
 TEST_F(DevicePTPTest, RecognitionTakesTheFirstNameContainedInTheProduct)
 {
+    // An empty product is the virtual camera's own, which must name the
+    // record even when the model is given by its short name.
     struct Case {
+        const char* model;
         const char* product;
         const wchar_t* id;
     } cases[] = {
-        {"QK SX400IS", L"SX400IS"}, {"QK SX40HS", L"SX40HS"}, {"camera A810 x", L"A810"},
-        {"sx160", L""},             {"IXUS170IXUS145", L"IXUS145"},
+        {"SX160", "QK SX400IS", L"SX400IS"}, {"SX160", "QK SX40HS", L"SX40HS"},
+        {"SX160", "camera A810 x", L"A810"}, {"SX160", "sx160", L""},
+        {"SX160", "IXUS170IXUS145", L"IXUS145"}, {"SX40", "", L"SX40HS"},
+        {"SX400", "", L"SX400IS"},           {"SX410", "", L"SX410IS"},
     };
     for (const Case& c : cases) {
-        auto camera = AddCamera("SX160", "S", c.product);
+        auto camera = AddCamera(c.model, "S", c.product);
         auto device = DevicePTP::build(Transport(), camera->Path());
         device->Init();
         EXPECT_EQ(device->GetCameraId(), c.id) << c.product;
@@ -124,6 +129,19 @@ TEST_F(DevicePTPTest, FailedOpenLeavesTheObjectEmpty)
     EXPECT_EQ(device->GetCameraId(), L"");
     EXPECT_EQ(device->QKMLoadSerialNumber(), QK_ERROR);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
+}
+
+TEST_F(DevicePTPTest, SecondInitKeepsTheOpenHandle)
+{
+    auto camera = AddCamera("SX160", "S");
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    ASSERT_EQ(device->Init(), QK_OK);
+    EXPECT_EQ(device->Init(), QK_OK);
+    EXPECT_EQ(device->GetCameraId(), L"SX160");
+    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+    // One claim only: once the object is gone another can open the camera.
+    device.reset();
+    EXPECT_EQ(DevicePTP::build(usb, camera->Path())->Init(), QK_OK);
 }
 
 TEST_F(DevicePTPTest, DestructorClosesTheDeviceAndLogs)

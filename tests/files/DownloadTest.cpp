@@ -2,8 +2,11 @@
 // the files left behind when something goes wrong, and the link staying in
 // step afterwards.
 
+#include <atomic>
 #include <fstream>
+#include <memory>
 
+#include "sim/PtpContainer.h"
 #include "sim/TestJpeg.h"
 #include "tests/common/CardCameraTest.h"
 
@@ -74,15 +77,30 @@ TEST_F(Download, SeveralMebibytesStreamChunkByChunk)
 
 TEST_F(Download, EmptyObjectGivesAnEmptyFile)
 {
-    const uint32_t handle = Card().AddFile("IMG_0200.JPG", {});
-    LogMark mark;
-    ASSERT_EQ(Fetch(handle, Local("empty.jpg")), QK_OK);
-    EXPECT_TRUE(Exists(Local("empty.jpg")));
-    EXPECT_TRUE(ReadFile(Local("empty.jpg")).empty());
-    EXPECT_EQ(mark.Count("PTPDownloadFile: write chunk"), 0);
-    EXPECT_EQ(mark.Count("PTPDownloadFile: final chunk"), 1);
-    EXPECT_EQ(mark.Count("size: 0 bytes"), 1);
-    ExpectFiniteFigures(mark);
+    // Also when an attempt that sent data ended in a general error and the
+    // retry sends none: the file holds what the successful attempt sent.
+    for (const bool retried : {false, true}) {
+        SCOPED_TRACE(retried ? "retried" : "first attempt");
+        const uint32_t handle = Card().AddFile("IMG_0200.JPG", {});
+        auto attempts = std::make_shared<std::atomic<int>>(0);
+        camera->SetOperationHandler(PTP_OC_GetObject, [attempts, retried](const qksim::PtpCommand&) {
+            qksim::PtpReply reply;
+            reply.hasData = true;
+            if (retried && (*attempts)++ == 0) {
+                reply.data.assign(3000, 7);
+                reply.responseCode = qksim::ptp::RC_GeneralError;
+            }
+            return reply;
+        });
+        LogMark mark;
+        ASSERT_EQ(Fetch(handle, Local("empty.jpg")), QK_OK);
+        EXPECT_TRUE(Exists(Local("empty.jpg")));
+        EXPECT_TRUE(ReadFile(Local("empty.jpg")).empty());
+        EXPECT_EQ(mark.Count("PTPDownloadFile: write chunk"), retried ? 1 : 0);
+        EXPECT_EQ(mark.Count("output rewritten from the start"), retried ? 1 : 0);
+        EXPECT_EQ(mark.Count("size: 0 bytes"), 1);
+        ExpectFiniteFigures(mark);
+    }
 }
 
 TEST_F(Download, PathThatCannotBeOpenedSendsNothing)

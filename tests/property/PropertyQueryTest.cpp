@@ -105,6 +105,14 @@ TEST_F(PropertyQueryTest, RecordAnswersBeforeALoadButTheCacheDoesNot)
     EXPECT_EQ(device->GetPropertyData(P(QKProp::MeteringMode), &value), QK_UNKNOWN_PROPERTY);
     EXPECT_EQ(mark.Count("Unknown property: 3"), 1);
 
+    // Queries read the constraints' properties without making them known.
+    List();
+    camera->ClearRecords();
+    for (QKProp p : {QKProp::ShootingMode, QKProp::ImageSize, QKProp::MyColors})
+        EXPECT_EQ(device->GetPropertyData(P(p), &value), QK_UNKNOWN_PROPERTY);
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 1), QK_UNKNOWN_PROPERTY);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+
     QKProp_Desc* desc = reinterpret_cast<QKProp_Desc*>(0x1);
     EXPECT_EQ(device->GetPropertyDesc(P(QKProp::Av) + 100, &desc), QK_UNKNOWN_PROPERTY);
     EXPECT_EQ(desc, reinterpret_cast<QKProp_Desc*>(0x1));

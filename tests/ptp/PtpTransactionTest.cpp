@@ -246,13 +246,21 @@ TEST_F(PtpTransactionTest, ResultGoesBeforeCallbackAndNeitherIsAnError)
 }
 
 // Raw containers queued ahead of the camera's own answer.
-std::vector<uint8_t> Container(uint32_t length, uint16_t type, uint16_t code, size_t bytes)
+std::vector<uint8_t> Container(uint32_t length, uint16_t type, uint16_t code, size_t bytes,
+                               uint32_t transId = 0)
 {
     std::vector<uint8_t> c(bytes, 0);
     std::memcpy(c.data(), &length, 4);
     std::memcpy(c.data() + 4, &type, 2);
     std::memcpy(c.data() + 6, &code, 2);
+    std::memcpy(c.data() + 8, &transId, 4);
     return c;
+}
+
+std::vector<uint8_t> Bytes(std::vector<uint8_t> first, const std::vector<uint8_t>& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 struct Malformed {
@@ -298,7 +306,13 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"data header shorter than itself", TRANSACTION_GETDATA, Container(4, 2, 0x9999, 12),
                   "below the header"},
         Malformed{"unknown container type", TRANSACTION_GETDATA, Container(12, 9, 0x9999, 12),
-                  "GETDATA failed: wrong CONTAINER_DATA"}),
+                  "GETDATA failed: wrong CONTAINER_DATA"},
+        Malformed{"garbage of another transaction", TRANSACTION_GETDATA, Container(3, 9, 0x9999, 12, 77),
+                  "out of step with the camera"},
+        Malformed{"garbage after a stale response", TRANSACTION_NODATA,
+                  Bytes(Container(12, 3, 0x2001, 12, 5), Container(0, 0, 0, 12, 6)), "out of step with the camera"},
+        Malformed{"whole reply over the limit", TRANSACTION_GETDATA,
+                  Container((64u << 20) + 13, 2, 0x9999, 12), "over the limit of 67108864"}),
     [](const ::testing::TestParamInfo<Malformed>& info) {
         std::string name;
         for (const char* p = info.param.what; *p; ++p)
@@ -317,6 +331,34 @@ TEST_F(PtpTransactionTest, TruncatedDataFailsAndLeavesNothingAllocated)
     EXPECT_FALSE(Get(&result));
     EXPECT_EQ(result.data, nullptr);
     EXPECT_EQ(mark.Count("GETDATA failed: tail data stage"), 1);
+}
+
+TEST_F(PtpTransactionTest, LateAnswerOfATimedOutTransactionIsSkippedNotTaken)
+{
+    // Every sub-command shares one operation code: only the transaction id
+    // keeps the late answer to the first request from passing for the second's.
+    Answer(DataReply({1, 2, 3, 4}));
+    constexpr uint32_t otherSub = testSub + 1;
+    PtpReply other = DataReply({9, 8});
+    other.responseParams = {42};
+    camera->SetVendorHandler(otherSub, [other](const PtpCommand&) { return other; });
+    camera->TimeOutNext(0x81, 1);
+    DataLen result;
+    EXPECT_FALSE(Get(&result));
+    EXPECT_EQ(result.data, nullptr);
+
+    LogMark mark;
+    std::vector<unsigned int> words;
+    ASSERT_TRUE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(otherSub), TRANSACTION_GETDATA,
+                                       &result, &words, nullptr));
+    const auto* bytes = static_cast<const uint8_t*>(result.data);
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + result.len), (std::vector<uint8_t>{9, 8}));
+    EXPECT_EQ(words.at(0), 42u);
+    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(mark.Count("discarding a stale container (type 2, transaction 0, waiting for 1)"), 1);
+    EXPECT_EQ(mark.Count("discarding a stale container (type 3, transaction 0, waiting for 1)"), 1);
+    EXPECT_TRUE(Get(&result));
+    DevicePTP::FreePtpTransactionGetBuffer(result);
 }
 
 TEST_F(PtpTransactionTest, NoOpenDeviceFailsWithoutTraffic)

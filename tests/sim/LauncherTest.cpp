@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <string>
 
+#include "sim/VirtualBus.h"
+
 namespace {
 
 struct Outcome {
@@ -74,6 +76,14 @@ TEST(Launcher, HelpAndUsageErrors)
     EXPECT_EQ(Launch("--camera SX160 -- true").status, 2);
     EXPECT_EQ(Launch("--other zz:1:x -- true").status, 2);
     EXPECT_EQ(Launch("--bogus -- true").status, 2);
+    // More cameras than umockdev can emulate in one program: refused by name.
+    std::string many;
+    for (int i = 0; i <= qksim::VirtualBus::maxCameras; ++i)
+        many += " --camera SX160:S" + std::to_string(i);
+    Outcome refused = Launch(many + " -- true");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.output.find("51 cameras asked for, at most 50 can be emulated"), std::string::npos)
+        << refused.output;
 }
 
 } // namespace
