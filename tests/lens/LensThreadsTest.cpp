@@ -33,6 +33,8 @@ TEST_F(LensTest, QueriesFromAnotherThreadWhileTheZoomChainRuns)
         EXPECT_EQ(device->UpdateFocusPos(), QK_OK);
         EXPECT_EQ(device->GetFocus(&focus), QK_OK);
         EXPECT_EQ(device->FocusShift(rounds % 2 ? 1 : -1), QK_OK);
+        // Copies the model record afresh while the chain reads it.
+        EXPECT_EQ(device->Init(), QK_OK);
         ++rounds;
     }
     chain.join();
