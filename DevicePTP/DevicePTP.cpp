@@ -27,6 +27,10 @@ DevicePTP::~DevicePTP()
     if (deviceHandle)
         usbLib->CloseDevice(deviceHandle);
     FreePreviewFrames();
+    // Direct-transfer pictures the host never removed are the object's own.
+    for (auto& file : direct.directFiles)
+        for (DataLen& chunk : file.second)
+            FreePtpTransactionGetBuffer(chunk);
     QK_LOG_DEB("DevicePTP deleted");
     // Functions left in registeredPointers are dropped uncalled: memory a
     // caller never gave back is not ours to release.

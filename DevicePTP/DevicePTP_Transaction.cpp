@@ -24,6 +24,21 @@ constexpr unsigned int maxWholeReply = 64u << 20;
 // A late answer to a timed-out transaction is a data and a response
 // container; more foreign containers than this means the link is lost.
 constexpr int maxForeignContainers = 8;
+// The rest of a data container whose transfer broke off is skipped a packet
+// at a time, up to the largest reply read whole.
+constexpr unsigned int maxSkippedPackets = maxWholeReply / ptpContainerSize;
+
+// Whether a header of another transaction looks like a real container, so
+// that its length can be trusted for skipping it whole.
+bool PlausibleContainer(const _PTPUSBBulkContainer& header)
+{
+    if (header.length < ptpHeaderSize)
+        return false;
+    if (header.type == CONTAINER_DATA)
+        return header.code >= 0x1000 && header.code <= 0x9FFF;
+    return header.type == CONTAINER_RESPONSE && header.length <= ptpContainerSize &&
+           (header.code & 0xF000) == 0x2000;
+}
 // Data bytes that came in the header's packet; behind them a chunk of
 // maxChunk bytes is a whole number of packets.
 constexpr unsigned int firstPacketData = 500;
@@ -257,24 +272,40 @@ bool DevicePTP::ReadOwnHeader(_PTPUSBBulkContainer* header)
     // Every vendor sub-command shares one operation code, so only the
     // transaction id tells a late answer to an earlier, timed-out transaction
     // from the answer to this one.
-    for (int foreign = 0;; ++foreign) {
+    int foreign = 0;
+    unsigned int skipped = 0;
+    for (;;) {
         DataLen headerBytes(header, ptpHeaderSize);
         if (!UsbReadExactly(&headerBytes))
             return false;
         if (header->transId == transactionInFlight)
-            return true;
-        const bool container = (header->type == CONTAINER_DATA || header->type == CONTAINER_RESPONSE) &&
-                               header->length >= ptpHeaderSize;
-        if (!container || foreign == maxForeignContainers) {
-            QK_LOG_ERR("PtpTransaction: out of step with the camera (transaction %u, got type %u of %u)",
+            break;
+        if (PlausibleContainer(*header)) {
+            if (++foreign > maxForeignContainers) {
+                QK_LOG_ERR("PtpTransaction: out of step with the camera (transaction %u): %d foreign containers",
+                           transactionInFlight, foreign);
+                return false;
+            }
+            QK_LOG_ERR("PtpTransaction: discarding a stale container (type %u, transaction %u, waiting for %u)",
+                       static_cast<unsigned int>(header->type), header->transId, transactionInFlight);
+            if (!DrainData(header->length - ptpHeaderSize))
+                return false;
+            continue;
+        }
+        // The middle of a broken transfer: containers start at packets.
+        if (skipped == 0)
+            QK_LOG_ERR("PtpTransaction: out of step with the camera (transaction %u, got type %u of %u), "
+                       "skipping to the next container",
                        transactionInFlight, static_cast<unsigned int>(header->type), header->transId);
+        if (++skipped > maxSkippedPackets) {
+            QK_LOG_ERR("PtpTransaction: out of step with the camera: no container in %u packets", skipped - 1);
             return false;
         }
-        QK_LOG_ERR("PtpTransaction: discarding a stale container (type %u, transaction %u, waiting for %u)",
-                   static_cast<unsigned int>(header->type), header->transId, transactionInFlight);
-        if (!DrainData(header->length - ptpHeaderSize))
-            return false;
+        usbLib->DiscardResidue(deviceHandle);
     }
+    if (skipped > 0)
+        QK_LOG_ERR("PtpTransaction: back in step after %u packets", skipped);
+    return true;
 }
 
 bool DevicePTP::DrainData(unsigned int size)

@@ -139,7 +139,9 @@ std::deque<RemotePiece> CameraShutter::CutLocked(const std::vector<uint8_t>& pic
 PtpReply CameraShutter::RemoteCaptureStart(const PtpCommand&)
 {
     std::unique_lock<std::mutex> lock(mutex);
-    if (remoteActive || shotRunning || recording)
+    // A capture nobody began to fetch is given up for the new one, as when
+    // the host lost the answer to its start: only a transfer under way is busy.
+    if ((remoteActive && remoteFetching) || shotRunning || recording)
         return RefusalReply(ptp::RC_DeviceBusy);
     remoteActive = true;
     remoteFetching = false;

@@ -7,6 +7,8 @@ UsbLib::UsbLib(std::weak_ptr<IUsbLib_Notify> notify)
 {
 }
 
+void UsbLib::DiscardResidue(void*) {}
+
 void UsbLib::SendOnUsbEvent()
 {
     // Hold the receiver for the whole call, so a host releasing it on another

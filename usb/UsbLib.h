@@ -39,6 +39,11 @@ public:
     virtual bool Read(DataLen* buffer, void* handle) = 0;
     // Writes the whole buffer, or fails.
     virtual bool Write(DataLen* buffer, void* handle) = 0;
+    // Drops what is left of the packet the last read took bytes from, so the
+    // next read starts where a packet does, as every container does: how the
+    // camera object finds its step again after a transfer broke off. A
+    // transport that keeps no such rest has nothing to drop.
+    virtual void DiscardResidue(void* handle);
     ~UsbLib() override = default;
 
     void SendOnUsbEvent();

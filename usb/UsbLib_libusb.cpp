@@ -7,12 +7,12 @@
 #include <cstring>
 #include <new>
 
+#include "usb/BulkIn.h"
+
 namespace {
 
 constexpr unsigned char endpointIn = 0x81;
 constexpr unsigned char endpointOut = 0x02;
-constexpr unsigned int packetSize = 512;
-constexpr unsigned int maxPiece = 0x100000;
 constexpr unsigned int productBufferSize = 256;
 
 // What OpenDevice hands out. The residue lives here, per opened device, so
@@ -46,6 +46,19 @@ int BulkIn(libusb_device_handle* handle, unsigned char* data, unsigned int len, 
                                 UsbLib_libusb::usbTimeout);
 }
 
+class LibusbIn : public BulkInEndpoint {
+public:
+    explicit LibusbIn(libusb_device_handle* device) : handle(device) {}
+    int Transfer(unsigned char* data, unsigned int len, int* received) override
+    {
+        return BulkIn(handle, data, len, received);
+    }
+    void ClearHalt() override { libusb_clear_halt(handle, endpointIn); }
+
+private:
+    libusb_device_handle* handle;
+};
+
 } // namespace
 
 std::shared_ptr<UsbLib> UsbLib_libusb::build(std::weak_ptr<IUsbLib_Notify> notify)
@@ -55,9 +68,13 @@ std::shared_ptr<UsbLib> UsbLib_libusb::build(std::weak_ptr<IUsbLib_Notify> notif
 
 UsbLib_libusb::UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify) : UsbLib(notify)
 {
-    // A failed init shows at the first enumeration, which logs the error.
-    libusb_init(nullptr);
-    if (notifyEnabled) {
+    // Without a context libusb has nothing to enumerate with; every later
+    // call checks this instead of handing libusb a context that isn't there.
+    const int rc = libusb_init(nullptr);
+    contextReady = rc == 0;
+    if (!contextReady)
+        QK_LOG_ERR("libusb_init error: %d", rc);
+    if (notifyEnabled && contextReady) {
         // The cameras there at construction are taken before the constructor
         // returns, so one plugged in right after it is always told, however
         // late the thread gets going.
@@ -79,7 +96,8 @@ UsbLib_libusb::~UsbLib_libusb()
         if (notifyThread.joinable())
             notifyThread.join();
     }
-    libusb_exit(nullptr);
+    if (contextReady)
+        libusb_exit(nullptr);
     QK_LOG_INF("UsbLib_libusb exit");
 }
 
@@ -116,6 +134,10 @@ std::wstring UsbLib_libusb::GetDeviceIdString(libusb_device* device)
 std::set<std::wstring> UsbLib_libusb::GetAllConnectedDevicePaths()
 {
     std::set<std::wstring> paths;
+    if (!contextReady) {
+        QK_LOG_ERR("GetAllConnectedDevicePaths: libusb is not initialised");
+        return paths;
+    }
     DeviceList devices;
     if (devices.count < 0) {
         QK_LOG_ERR("libusb_get_device_list error: %d", static_cast<int>(devices.count));
@@ -136,6 +158,10 @@ std::set<std::wstring> UsbLib_libusb::GetAllConnectedDevicePaths()
 
 void* UsbLib_libusb::OpenDevice(std::wstring path)
 {
+    if (!contextReady) {
+        QK_LOG_ERR("OpenDevice: libusb is not initialised");
+        return nullptr;
+    }
     DeviceList devices;
     if (devices.count < 0) {
         QK_LOG_ERR("libusb_get_device_list error: %d", static_cast<int>(devices.count));
@@ -211,69 +237,9 @@ bool UsbLib_libusb::Read(DataLen* buffer, void* handle)
         QK_LOG_ERR("Read: no device or no buffer");
         return false;
     }
-    unsigned char* data = static_cast<unsigned char*>(buffer->data);
-    unsigned int len = buffer->len;
-
-    // Small reads go through the residue: the device is always asked for a
-    // whole packet, and what is not asked for yet waits for the next read.
-    for (;;) {
-        std::vector<unsigned char>& residue = info->readResidue;
-        if (!residue.empty()) {
-            if (residue.size() >= len) {
-                std::memcpy(data, residue.data(), len);
-                residue.erase(residue.begin(), residue.begin() + len);
-                return true;
-            }
-            std::memcpy(data, residue.data(), residue.size());
-            data += residue.size();
-            len -= static_cast<unsigned int>(residue.size());
-            residue.clear();
-        }
-        if (len >= packetSize)
-            break;
-        if (len == 0)
-            return true;
-        unsigned char packet[packetSize];
-        int received = 0;
-        int rc = 0;
-        int transfers = 0;
-        do {
-            rc = BulkIn(info->handle, packet, packetSize, &received);
-            ++transfers;
-            if (rc == LIBUSB_ERROR_PIPE)
-                libusb_clear_halt(info->handle, endpointIn);
-        } while (rc == LIBUSB_ERROR_PIPE && transfers < MaxRetryCount);
-        if (rc != 0) {
-            QK_LOG_ERR("%s: %d", "Usb read to buffer failed", rc);
-            return false;
-        }
-        residue.assign(packet, packet + std::min<int>(std::max(received, 0), packetSize));
-    }
-
-    // Large reads go straight into the caller's buffer, a piece at a time.
-    int stalls = 0;
-    int rc = 0;
-    while (len > 0) {
-        int received = 0;
-        rc = BulkIn(info->handle, data, std::min(len, maxPiece), &received);
-        if (received <= 0) {
-            QK_LOG_ERR("libusb_bulk_transfer: size == 0");
-            return false;
-        }
-        if (rc == LIBUSB_ERROR_PIPE) {
-            libusb_clear_halt(info->handle, endpointIn);
-            ++stalls;
-        }
-        data += received;
-        len -= static_cast<unsigned int>(received);
-        if (rc == LIBUSB_ERROR_PIPE && stalls > MaxRetryCount)
-            break;
-    }
-    if (rc != 0) {
-        QK_LOG_ERR("%s: %d", "Usb read failed", rc);
-        return false;
-    }
-    return true;
+    LibusbIn endpoint(info->handle);
+    return bulkin::ReadWhole(endpoint, info->readResidue, static_cast<unsigned char*>(buffer->data), buffer->len,
+                             MaxRetryCount);
 }
 
 bool UsbLib_libusb::Write(DataLen* buffer, void* handle)
@@ -303,4 +269,10 @@ bool UsbLib_libusb::Write(DataLen* buffer, void* handle)
         return false;
     }
     return true;
+}
+
+void UsbLib_libusb::DiscardResidue(void* handle)
+{
+    if (DeviceInfo* info = static_cast<DeviceInfo*>(handle))
+        info->readResidue.clear();
 }

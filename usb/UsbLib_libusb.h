@@ -28,6 +28,7 @@ public:
     std::wstring GetDeviceName(void* handle) override;
     bool Read(DataLen* buffer, void* handle) override;
     bool Write(DataLen* buffer, void* handle) override;
+    void DiscardResidue(void* handle) override;
 
 protected:
     explicit UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify);
@@ -37,6 +38,7 @@ private:
     // The thread's body; `known` is the set of cameras there at construction.
     void NotifyThread(std::set<std::wstring> known);
 
+    bool contextReady = false; // libusb_init succeeded; set once in the constructor
     std::thread notifyThread;
     std::condition_variable notifyCondition;
     std::mutex notifyMutex;
