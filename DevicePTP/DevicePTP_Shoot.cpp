@@ -2,6 +2,7 @@
 // catalogue before and after it; a direct shot comes over USB in pieces and
 // stays in memory as a direct-transfer file. Both are chains of steps.
 
+#include <algorithm>
 #include <chrono>
 #include <cwchar>
 #include <thread>
@@ -14,7 +15,10 @@ namespace {
 
 constexpr int64_t pollMs = 100;
 constexpr int fileSearchRetries = 4;
-constexpr auto fileSearchWait = std::chrono::milliseconds(500);
+#ifndef QK_CHAIN_WAIT_MAX_MS // capped in builds whose camera is a script
+#define QK_CHAIN_WAIT_MAX_MS 500
+#endif
+constexpr auto fileSearchWait = std::chrono::milliseconds(std::min(500, QK_CHAIN_WAIT_MAX_MS));
 // A direct picture is a few megabytes in a few dozen pieces; a camera that
 // keeps saying "more" past these is broken, not slow.
 constexpr int maxDirectPieces = 4096;

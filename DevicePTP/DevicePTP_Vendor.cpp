@@ -1,6 +1,7 @@
 // The vendor command channel: fetching reply words, the single commands, the
 // session, record mode, the module version and the event word.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -11,7 +12,10 @@
 
 namespace {
 
-constexpr auto recModePoll = std::chrono::milliseconds(100);
+#ifndef QK_CHAIN_WAIT_MAX_MS // capped in builds whose camera is a script
+#define QK_CHAIN_WAIT_MAX_MS 100
+#endif
+constexpr auto recModePoll = std::chrono::milliseconds(std::min(100, QK_CHAIN_WAIT_MAX_MS));
 constexpr unsigned int shootFinishedBit = 0x02;
 constexpr unsigned int zoomFinishedBit = 0x08;
 

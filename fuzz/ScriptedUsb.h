@@ -4,21 +4,24 @@
 // every Write succeeds. Feeding it arbitrary bytes shows how the engine
 // copes with anything a broken or hostile camera could send.
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "usb/UsbLib.h"
 
 class ScriptedUsb : public UsbLib {
 public:
-    ScriptedUsb(const uint8_t* data, size_t size) : UsbLib(UsbLib::EmptyNotify), script(data, data + size) {}
+    ScriptedUsb(const uint8_t* data, size_t size, std::wstring product)
+        : UsbLib(UsbLib::EmptyNotify), script(data, data + size), name(std::move(product))
+    {
+    }
 
     std::set<std::wstring> GetAllConnectedDevicePaths() override { return {L"1193:12353:1:2"}; }
     void* OpenDevice(std::wstring) override { return this; }
     void CloseDevice(void*) override {}
-    std::wstring GetDeviceName(void*) override { return L"Scripted SX160"; }
+    std::wstring GetDeviceName(void*) override { return name; }
     bool Read(DataLen* buffer, void*) override
     {
         if (script.size() - position < buffer->len)
@@ -33,4 +36,5 @@ public:
 private:
     std::vector<uint8_t> script;
     size_t position = 0;
+    std::wstring name;
 };
