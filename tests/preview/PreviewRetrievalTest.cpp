@@ -3,22 +3,24 @@
 // and failures that must keep the last good picture.
 
 #include <atomic>
-#include <cstring>
 #include <functional>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "DevicePTP/DevicePTP.h"
 #include "DevicePTP/PtpCodes.h"
 #include "sim/CameraPreview.h"
+#include "sim/PtpReplies.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
+using qksim::GetLe32;
 using qksim::PreviewSettings;
 using qksim::PtpCommand;
-using qksim::PtpReply;
 using qktest::LogMark;
 
 // A host's camera: counts the hooks, can keep release functions, and can
@@ -45,26 +47,16 @@ public:
         DevicePTP::RegisterPointer(pointer, std::move(release));
     }
 
-    void AgeSettings(int64_t ms)
+    template <typename Read>
+    auto Locked(Read read)
     {
         std::lock_guard<std::mutex> lock(previewData.previewMutex);
-        previewData.settingsTime -= ms;
+        return read(previewData);
     }
-    int Held()
-    {
-        std::lock_guard<std::mutex> lock(previewData.previewMutex);
-        return previewData.heldFrame;
-    }
-    int Ready()
-    {
-        std::lock_guard<std::mutex> lock(previewData.previewMutex);
-        return previewData.readyFrame;
-    }
-    DataLen Buffer(int index)
-    {
-        std::lock_guard<std::mutex> lock(previewData.previewMutex);
-        return previewData.frames[index];
-    }
+    void AgeSettings(int64_t ms) { Locked([ms](PreviewData& p) { return p.settingsTime -= ms; }); }
+    int Held() { return Locked([](PreviewData& p) { return p.heldFrame; }); }
+    int Ready() { return Locked([](PreviewData& p) { return p.readyFrame; }); }
+    DataLen Buffer(int index) { return Locked([index](PreviewData& p) { return p.frames[index]; }); }
 
     std::atomic<int> newFrames{0};
     std::function<void()> onNewFrame;
@@ -76,19 +68,15 @@ public:
 struct Picture {
     void* data = nullptr;
     int size = 0;
-    std::vector<uint8_t> Copy() const
-    {
-        return std::vector<uint8_t>(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-    }
+    const uint8_t* Bytes() const { return static_cast<const uint8_t*>(data); }
+    std::vector<uint8_t> Copy() const { return std::vector<uint8_t>(Bytes(), Bytes() + size); }
 };
-
-uint32_t Le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24; }
 
 class PreviewRetrievalTest : public qktest::VirtualCameraTest {
 protected:
-    std::shared_ptr<PreviewCamera> Open(const std::string& model = "SX160")
+    std::shared_ptr<PreviewCamera> Open()
     {
-        camera = AddCamera(model, "QKP0001");
+        camera = AddCamera("SX160", "QKP0001");
         auto device = std::make_shared<PreviewCamera>(Transport(), camera->Path());
         EXPECT_EQ(device->Init(), QK_OK);
         return device;
@@ -99,6 +87,14 @@ protected:
         Picture p;
         EXPECT_EQ(device->GetPreviewFrame(&p.data, &p.size), QK_OK);
         return p;
+    }
+
+    // Loads a new picture of these settings, the current ones aged out.
+    void LoadSettings(const std::shared_ptr<PreviewCamera>& device, const PreviewSettings& settings)
+    {
+        camera->Preview().SetSettings(settings);
+        device->AgeSettings(2100);
+        ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     }
 
     int Sent(uint32_t subCommand) const
@@ -129,10 +125,10 @@ TEST_F(PreviewRetrievalTest, FirstLoadReadsSettingsThenTheWholeFrameAtAddressZer
 
     Picture picture = Borrow(device);
     ASSERT_EQ(picture.size, 230454);
-    const uint8_t* file = static_cast<uint8_t*>(picture.data);
+    const uint8_t* file = picture.Bytes();
     EXPECT_EQ(file[0], 'B');
-    EXPECT_EQ(Le32(file + 18), 320u);
-    EXPECT_EQ(Le32(file + 22), 240u);
+    EXPECT_EQ(GetLe32(file + 18), 320u);
+    EXPECT_EQ(GetLe32(file + 22), 240u);
     EXPECT_EQ(device->seen, (std::vector<int>{320, 240, 0}));
 
     // The test picture decodes to its bars: the top picture row is the last
@@ -148,7 +144,7 @@ TEST_F(PreviewRetrievalTest, FirstLoadReadsSettingsThenTheWholeFrameAtAddressZer
     device->FreePointer(picture.data);
 }
 
-TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoad)
+TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoadAndUnreadableSettingsAreAskedForAgain)
 {
     auto device = Open();
     Picture picture;
@@ -158,14 +154,23 @@ TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoad)
     EXPECT_EQ(picture.data, nullptr);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
 
-    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, [](const PtpCommand&) {
-        PtpReply refused;
-        refused.responseCode = 0x2005;
-        return refused;
+    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, [](const PtpCommand&) {
+        return qksim::DataReply(std::vector<uint8_t>(84, 1)); // a word short
     });
     EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_BASEMOD_VideoConfig failed", "ERR"), 1) << mark.Since();
+    EXPECT_EQ(mark.Count("GetVideoSettings failed", "ERR"), 1);
+    EXPECT_EQ(mark.Count("PTPGetPreviewFrame failed", "ERR"), 1);
+    EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
+
+    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, nullptr);
+    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, [](const PtpCommand&) { return qksim::RefusalReply(0x2005); });
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
+    EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 2);
     EXPECT_EQ(device->GetPreviewFrame(&picture.data, &picture.size), QK_NOT_READY);
     EXPECT_EQ(device->newFrames, 0);
+    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, nullptr);
+    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
 }
 
 TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
@@ -186,9 +191,8 @@ TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
     EXPECT_EQ(device->Held(), 0);
     const std::vector<uint8_t> before = lent.Copy();
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    const std::vector<uint8_t> newer = std::vector<uint8_t>(
-        static_cast<uint8_t*>(device->Buffer(1).data),
-        static_cast<uint8_t*>(device->Buffer(1).data) + device->Buffer(1).len);
+    const std::vector<uint8_t> newer =
+        Picture{device->Buffer(1).data, static_cast<int>(device->Buffer(1).len)}.Copy();
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     EXPECT_EQ(device->Ready(), 1);
     EXPECT_EQ(lent.Copy(), before);
@@ -218,21 +222,7 @@ TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
     EXPECT_EQ(device->newFrames, 5);
 }
 
-TEST_F(PreviewRetrievalTest, ReleaseAfterTheCameraObjectIsGone)
-{
-    auto device = Open();
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    Picture lent = Borrow(device);
-    std::function<void(void*)> release = device->lastRelease;
-    ASSERT_TRUE(release);
-    LogMark mark;
-    device.reset(); // buffers freed with the object
-    EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
-    release(lent.data); // finds no camera and touches nothing
-    release = nullptr;
-}
-
-TEST_F(PreviewRetrievalTest, HooksSeeThePixelsAndMayBorrowAtOnce)
+TEST_F(PreviewRetrievalTest, HooksSeeThePixelsMayBorrowAtOnceAndReleaseOutlivesTheCamera)
 {
     auto device = Open();
     // The hook changes the pixels in place before the headers are written.
@@ -243,17 +233,21 @@ TEST_F(PreviewRetrievalTest, HooksSeeThePixelsAndMayBorrowAtOnce)
         pixels[2] = 3;
     };
     Picture fromHook;
-    device->onNewFrame = [&] {
-        ASSERT_EQ(device->GetPreviewFrame(&fromHook.data, &fromHook.size), QK_OK);
-    };
+    device->onNewFrame = [&] { ASSERT_EQ(device->GetPreviewFrame(&fromHook.data, &fromHook.size), QK_OK); };
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     ASSERT_NE(fromHook.data, nullptr);
-    const uint8_t* file = static_cast<uint8_t*>(fromHook.data);
+    const uint8_t* file = fromHook.Bytes();
     EXPECT_EQ(file[0], 'B');
     EXPECT_EQ(file[54], 1);
     EXPECT_EQ(file[55], 2);
     EXPECT_EQ(file[56], 3);
-    device->FreePointer(fromHook.data);
+
+    std::function<void(void*)> release = device->lastRelease;
+    ASSERT_TRUE(release);
+    LogMark mark;
+    device.reset(); // buffers freed with the object
+    EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
+    release(fromHook.data); // finds no camera and touches nothing
 }
 
 TEST_F(PreviewRetrievalTest, SettingsAreReadAgainOnlyWhenOlderThanTwoSeconds)
@@ -276,26 +270,18 @@ TEST_F(PreviewRetrievalTest, SettingsAreReadAgainOnlyWhenOlderThanTwoSeconds)
     // A change in bytes no one reads still gives the line, with the six words.
     PreviewSettings changed = PreviewSettings::Sized(720, 240);
     changed.words[21] = 7;
-    camera->Preview().SetSettings(changed);
-    device->AgeSettings(2100);
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    LoadSettings(device, changed);
     EXPECT_EQ(mark.Count("VideoSettings: 720 240 1080 240 30 2", "INF"), 1) << mark.Since();
-    device->AgeSettings(2100);
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    LoadSettings(device, changed);
     EXPECT_EQ(mark.Count("VideoSettings:"), 1);
-}
 
-TEST_F(PreviewRetrievalTest, HeightOf180MeansTheOtherHeightWord)
-{
-    auto device = Open();
-    camera->Preview().SetSettings(PreviewSettings::Height180(720, 240));
-    LogMark mark;
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    // A height of 180 means the other height word.
+    LoadSettings(device, PreviewSettings::Height180(720, 240));
     EXPECT_EQ(mark.Count("VideoSettings: 720 180 1080 240 30 2"), 1) << mark.Since();
     EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 259200}));
     Picture picture = Borrow(device);
     EXPECT_EQ(picture.size, 230454);
-    EXPECT_EQ(Le32(static_cast<uint8_t*>(picture.data) + 22), 240u);
+    EXPECT_EQ(GetLe32(picture.Bytes() + 22), 240u);
     device->FreePointer(picture.data);
 }
 
@@ -306,9 +292,7 @@ TEST_F(PreviewRetrievalTest, ANewSizeReallocatesOnlyTheBufferWritten)
     Picture lent = Borrow(device);
     const std::vector<uint8_t> before = lent.Copy();
 
-    camera->Preview().SetSettings(PreviewSettings::Sized(704, 480));
-    device->AgeSettings(2100);
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    LoadSettings(device, PreviewSettings::Sized(704, 480));
     EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 506880}));
     EXPECT_EQ(device->Buffer(1).len, 921654u);
     EXPECT_EQ(device->Buffer(0).len, 230454u);
@@ -318,141 +302,77 @@ TEST_F(PreviewRetrievalTest, ANewSizeReallocatesOnlyTheBufferWritten)
     device->FreePointer(lent.data);
     Picture newest = Borrow(device);
     EXPECT_EQ(newest.size, 921654);
-    EXPECT_EQ(Le32(static_cast<uint8_t*>(newest.data) + 18), 640u);
+    EXPECT_EQ(GetLe32(newest.Bytes() + 18), 640u);
     device->FreePointer(newest.data);
     // Nothing lent: buffer 0 takes the new size at its next load.
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     EXPECT_EQ(device->Buffer(0).len, 921654u);
 
     // Every size the camera offers comes out at its picture size.
-    const std::pair<PreviewSettings, int> sizes[] = {{PreviewSettings::Sized(360, 240), 230454},
-                                                     {PreviewSettings::Sized(320, 240), 230454},
-                                                     {PreviewSettings::Sized(720, 240), 230454}};
-    for (const auto& size : sizes) {
-        camera->Preview().SetSettings(size.first);
-        device->AgeSettings(2100);
-        ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    for (uint32_t width : {360u, 320u, 720u}) {
+        LoadSettings(device, PreviewSettings::Sized(width, 240));
         Picture p = Borrow(device);
-        EXPECT_EQ(p.size, size.second);
+        EXPECT_EQ(p.size, 230454) << width;
         device->FreePointer(p.data);
     }
 }
 
-TEST_F(PreviewRetrievalTest, FailedLoadsKeepTheLastGoodPicture)
+TEST_F(PreviewRetrievalTest, FailedLoadsAndHostileSettingsKeepTheLastGoodPicture)
 {
     auto device = Open();
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     Picture good = Borrow(device);
     const std::vector<uint8_t> picture = good.Copy();
     device->FreePointer(good.data);
-
-    struct Case {
-        const char* name;
-        std::function<PtpReply(const PtpCommand&)> readMem;
-        std::vector<const char*> logged;
-    } cases[] = {
-        {"refused",
-         [](const PtpCommand&) {
-             PtpReply r;
-             r.responseCode = 0x2005;
-             return r;
-         },
-         {"PTP_BASEMOD_ReadMem failed", "PTPGetPreviewFrame failed"}},
-        {"short",
-         [](const PtpCommand& c) {
-             PtpReply r;
-             r.hasData = true;
-             r.data.assign(c.params[2] - 1, 0x40);
-             return r;
-         },
-         {"Preview: frame of 259199 bytes, 259200 expected for 720x240", "PTPGetPreviewFrame failed"}},
-        {"empty",
-         [](const PtpCommand&) {
-             PtpReply r;
-             r.hasData = true;
-             return r;
-         },
-         {"Preview: frame of 0 bytes", "PTPGetPreviewFrame failed"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        camera->SetVendorHandler(PTP_BASEMOD_ReadMem, c.readMem);
+    const auto expectFailure = [&](const std::string& logged) {
+        camera->ClearRecords();
         LogMark mark;
         const int frames = device->newFrames;
         EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
-        for (const char* line : c.logged)
+        for (const std::string& line : {logged, std::string("PTPGetPreviewFrame failed")})
             EXPECT_EQ(mark.Count(line, "ERR"), 1) << line << "\n" << mark.Since();
         EXPECT_EQ(device->newFrames, frames);
         Picture after = Borrow(device);
         EXPECT_EQ(after.data, good.data);
         EXPECT_EQ(after.Copy(), picture);
         device->FreePointer(after.data);
+    };
+
+    const std::pair<qksim::OperationHandler, const char*> readMems[] = {
+        {[](const PtpCommand&) { return qksim::RefusalReply(0x2005); }, "PTP_BASEMOD_ReadMem failed"},
+        {[](const PtpCommand& c) { return qksim::DataReply(std::vector<uint8_t>(c.params[2] - 1, 0x40)); },
+         "Preview: frame of 259199 bytes, 259200 expected for 720x240"},
+        {[](const PtpCommand&) { return qksim::DataReply({}); }, "Preview: frame of 0 bytes"},
+    };
+    for (const auto& c : readMems) {
+        camera->SetVendorHandler(PTP_BASEMOD_ReadMem, c.first);
+        expectFailure(c.second);
     }
     camera->SetVendorHandler(PTP_BASEMOD_ReadMem, nullptr);
-    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-}
 
-TEST_F(PreviewRetrievalTest, UnreadableSettingsAreAskedForAgainAtTheNextLoad)
-{
-    auto device = Open();
-    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, [](const PtpCommand&) {
-        PtpReply r;
-        r.hasData = true;
-        r.data.assign(84, 1); // a word short
-        return r;
-    });
-    LogMark mark;
-    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_BASEMOD_VideoConfig failed", "ERR"), 1) << mark.Since();
-    EXPECT_EQ(mark.Count("GetVideoSettings failed", "ERR"), 1);
-    EXPECT_EQ(mark.Count("PTPGetPreviewFrame failed", "ERR"), 1);
-    EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
-
-    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, nullptr);
-    EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 2);
-}
-
-TEST_F(PreviewRetrievalTest, HostileSettingsAreRefusedBeforeTheFrameIsAskedFor)
-{
-    auto device = Open();
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    Picture good = Borrow(device);
-    const std::vector<uint8_t> picture = good.Copy();
-    device->FreePointer(good.data);
-
-    struct Case {
+    // Settings a camera must not send are refused before the frame is asked for.
+    struct Hostile {
         uint32_t width, height, height180;
-        const char* logged;
-    } cases[] = {
-        {0, 240, 240, "PTPGetPreviewFrame: frame size 0x240 refused"},
-        {722, 240, 240, "PTPGetPreviewFrame: frame size 722x240 refused"},
-        {720, 0, 0, "PTPGetPreviewFrame: frame size 720x0 refused"},
-        {720, 180, 0, "PTPGetPreviewFrame: frame size 720x0 refused"},
-        {0xFFFFFFFC, 240, 240, "PTPGetPreviewFrame: frame size 4294967292x240 refused"},
-        {720, 100000, 240, "PTPGetPreviewFrame: frame size 720x100000 refused"},
-        {720, 180, 0x80000000u, "PTPGetPreviewFrame: frame size 720x2147483648 refused"},
+        const char* shown;
+    } hostile[] = {
+        {0, 240, 240, "0x240"}, {722, 240, 240, "722x240"}, {720, 0, 0, "720x0"}, {720, 180, 0, "720x0"},
+        {0xFFFFFFFC, 240, 240, "4294967292x240"}, {720, 100000, 240, "720x100000"},
+        {720, 180, 0x80000000u, "720x2147483648"},
         // Both within bounds alone, but their product would overflow a
         // 32-bit byte count on a careless host.
-        {65536, 65536, 240, "PTPGetPreviewFrame: frame size 65536x65536 refused"},
+        {65536, 65536, 240, "65536x65536"},
     };
-    for (const Case& c : cases) {
-        PreviewSettings hostile = PreviewSettings::Sized(720, 240);
-        hostile.words[1] = c.width;
-        hostile.words[2] = c.height;
-        hostile.words[5] = c.height180;
-        camera->Preview().SetSettings(hostile);
+    for (const Hostile& c : hostile) {
+        PreviewSettings settings = PreviewSettings::Sized(720, 240);
+        settings.words[1] = c.width;
+        settings.words[2] = c.height;
+        settings.words[5] = c.height180;
+        camera->Preview().SetSettings(settings);
         device->AgeSettings(2100);
-        camera->ClearRecords();
-        LogMark mark;
-        EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR) << c.logged;
-        EXPECT_EQ(mark.Count(c.logged, "ERR"), 1) << mark.Since();
-        EXPECT_EQ(mark.Count("PTPGetPreviewFrame failed", "ERR"), 1);
-        EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
-        Picture after = Borrow(device);
-        EXPECT_EQ(after.Copy(), picture);
-        device->FreePointer(after.data);
+        expectFailure(std::string("PTPGetPreviewFrame: frame size ") + c.shown + " refused");
+        EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0) << c.shown;
     }
+    LoadSettings(device, PreviewSettings::Sized(720, 240));
 }
 
 TEST_F(PreviewRetrievalTest, ConcurrentLoadsAndBorrowsNeverTearAPicture)
@@ -474,7 +394,7 @@ TEST_F(PreviewRetrievalTest, ConcurrentLoadsAndBorrowsNeverTearAPicture)
         }
     });
     for (int i = 0; i < 20; ++i)
-        ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+        EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK); // no return while the host runs
     stop = true;
     host.join();
     EXPECT_GT(borrowed, 0);
