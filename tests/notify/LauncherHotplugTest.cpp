@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "tests/common/ChildProcess.h"
-#include "tests/common/TestLog.h"
 
 namespace {
 

@@ -53,33 +53,39 @@ std::vector<std::string> LinesOf(const std::string& log, const std::vector<std::
     return found;
 }
 
-TEST_F(NotifyTest, NoThreadWithoutALiveReceiver)
+TEST_F(NotifyTest, ThreadRunsOnlyForALiveReceiverAndEndsAtOnceInOrder)
 {
     AddCamera("SX160", "QKS0001");
+    auto calls = std::make_shared<Calls>();
     LogMark mark;
     // libusb may run threads of its own while a context lives: compare
     // transports that are alive.
-    std::shared_ptr<UsbLib> silent = UsbLib_libusb::build(UsbLib::EmptyNotify);
-    const int withoutReceiver = ThreadCount();
-    EXPECT_LT(TimeToDestroy(silent), period / 2);
-
-    auto calls = std::make_shared<Calls>();
-    std::weak_ptr<IUsbLib_Notify> gone;
-    {
-        auto receiver = std::make_shared<Receiver>(calls);
-        gone = receiver;
-    }
+    std::shared_ptr<UsbLib> probe = UsbLib_libusb::build(UsbLib::EmptyNotify);
+    const int baseline = ThreadCount();
+    std::weak_ptr<IUsbLib_Notify> gone = std::make_shared<Receiver>(calls);
     std::shared_ptr<UsbLib> orphan = UsbLib_libusb::build(gone);
-    EXPECT_EQ(ThreadCount(), withoutReceiver);
+    EXPECT_EQ(ThreadCount(), baseline);
     EXPECT_LT(TimeToDestroy(orphan), period / 2);
-    EXPECT_EQ(mark.Count("Notify loop exit"), 0);
 
     auto receiver = std::make_shared<Receiver>(calls);
-    std::shared_ptr<UsbLib> watching = UsbLib_libusb::build(receiver);
-    EXPECT_EQ(ThreadCount(), withoutReceiver + 1);
-    watching.reset();
-    EXPECT_EQ(mark.Count("Notify loop exit", "DEB"), 1);
-    EXPECT_EQ(mark.Count("UsbLib_libusb exit", "INF"), 3);
+    // From a stop before the thread first waits to one well inside a wait.
+    const int rounds = 8;
+    for (int round = 0; round < rounds; ++round) {
+        std::shared_ptr<UsbLib> usb = UsbLib_libusb::build(receiver);
+        EXPECT_EQ(ThreadCount(), baseline + 1) << "round " << round;
+        std::this_thread::sleep_for(std::chrono::milliseconds(round * 40));
+        EXPECT_LT(TimeToDestroy(usb), period / 2) << "round " << round;
+        EXPECT_EQ(ThreadCount(), baseline) << "round " << round;
+    }
+    EXPECT_LT(TimeToDestroy(probe), period / 2);
+
+    std::vector<std::string> expected{"INF UsbLib_libusb exit"}; // the orphan's, without a loop
+    for (int round = 0; round < rounds; ++round) {
+        expected.push_back("DEB Notify loop exit");
+        expected.push_back("INF UsbLib_libusb exit");
+    }
+    expected.push_back("INF UsbLib_libusb exit"); // the probe's
+    EXPECT_EQ(LinesOf(mark.Since(), {"Notify loop exit", "UsbLib_libusb exit"}), expected);
     EXPECT_EQ(calls->Count(), 0u);
 }
 
@@ -148,34 +154,6 @@ TEST_F(NotifyTest, ReceiverReleasedWhileTheTransportLives)
     std::lock_guard<std::mutex> lock(calls->mutex);
     EXPECT_TRUE(calls->receiverGone);
     EXPECT_FALSE(calls->calledAfterGone);
-}
-
-TEST_F(NotifyTest, DestructionEndsTheThreadAtOnceAndLogsInOrder)
-{
-    AddCamera("SX160", "QKS0001");
-    auto calls = std::make_shared<Calls>();
-    auto receiver = std::make_shared<Receiver>(calls);
-    std::shared_ptr<UsbLib> probe = UsbLib_libusb::build(UsbLib::EmptyNotify);
-    const int baseline = ThreadCount();
-    LogMark mark;
-    // From a stop before the thread first waits to one well inside a wait.
-    const int rounds = 8;
-    for (int round = 0; round < rounds; ++round) {
-        std::shared_ptr<UsbLib> usb = UsbLib_libusb::build(receiver);
-        std::this_thread::sleep_for(std::chrono::milliseconds(round * 40));
-        EXPECT_LT(TimeToDestroy(usb), period / 2) << "round " << round;
-        EXPECT_EQ(ThreadCount(), baseline) << "round " << round;
-    }
-    probe.reset();
-
-    std::vector<std::string> expected;
-    for (int round = 0; round < rounds; ++round) {
-        expected.push_back("DEB Notify loop exit");
-        expected.push_back("INF UsbLib_libusb exit");
-    }
-    expected.push_back("INF UsbLib_libusb exit"); // the probe's
-    EXPECT_EQ(LinesOf(mark.Since(), {"Notify loop exit", "UsbLib_libusb exit"}), expected);
-    EXPECT_EQ(calls->Count(), 0u);
 }
 
 } // namespace

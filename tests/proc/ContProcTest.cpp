@@ -1,10 +1,11 @@
-// Chains of timed steps: ending, waiting, polling, handing on, the sentinel,
-// and the object freed on every path (the sanitizer build checks leaks).
+// Chains of timed steps: ending, polling, waiting, handing on, the sentinel,
+// broken chains, and the state freed on every path (the sanitizer build also
+// checks leaks).
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
+#include <vector>
 
 #include "proc/ContProc.h"
 #include "tests/common/TestLog.h"
@@ -12,8 +13,9 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-// Counts live objects of a capture, so a test sees the chain's state freed.
+// Counts live copies of a capture, so a test sees a chain's state freed.
 struct Tracked {
     explicit Tracked(int* live) : live(live) { ++*live; }
     Tracked(const Tracked& other) : live(other.live) { ++*live; }
@@ -21,38 +23,101 @@ struct Tracked {
     int* live;
 };
 
-TEST(ContProcTest, FirstStepEndsAtOnce)
+TEST(ContProcTest, ChainsEndWithTheirResultAndFreeTheirState)
 {
+    qktest::LogMark mark;
     int live = 0;
     int calls = 0;
+    int passes = 0;
+    int polls = 0;
+    std::vector<int> seen;
     {
         Tracked token(&live);
-        auto* proc = new ContProc([token, &calls](ContProc*, int64_t*, QKResult* result, bool* more) {
-            ++calls;
-            *result = QK_UNSUPPORTED_VALUE;
-            *more = false;
-        });
-        auto start = Clock::now();
-        EXPECT_EQ(ContProc::run(proc), QK_UNSUPPORTED_VALUE);
-        EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(50));
+        struct Chain {
+            ContProc::Step first;
+            QKResult result;
+            milliseconds limit;
+        };
+        const Chain chains[] = {
+            // Ended by its first step, at once.
+            {[token, &calls](ContProc*, int64_t*, QKResult* result, bool* more) {
+                 ++calls;
+                 *result = QK_UNSUPPORTED_VALUE;
+                 *more = false;
+             },
+             QK_UNSUPPORTED_VALUE, milliseconds(50)},
+            // Polled a thousand times with zero waits; a result written once
+            // stands unless rewritten.
+            {[token, &passes](ContProc*, int64_t* wait, QKResult* result, bool* more) {
+                 if (passes++ == 0)
+                     *result = QK_NOT_READY;
+                 *wait = 0;
+                 *more = passes < 1000;
+             },
+             QK_NOT_READY, milliseconds(500)},
+            // Handed on: the next step gets copies, as this closure dies with the assignment.
+            {[token, &seen](ContProc* self, int64_t* wait, QKResult*, bool* more) {
+                 int found = 41;
+                 auto& log = seen;
+                 log.push_back(1);
+                 *wait = 0;
+                 *more = true;
+                 self->step = [found, token, &log](ContProc*, int64_t*, QKResult* result, bool* more) {
+                     log.push_back(found + 1);
+                     *result = QK_LOW_BATTERY;
+                     *more = false;
+                 };
+             },
+             QK_LOW_BATTERY, milliseconds(50)},
+            // Polled, then ended by the sentinel, which overrides the result so far.
+            {[token, &polls](ContProc* self, int64_t* wait, QKResult* result, bool* more) {
+                 *result = QK_ERROR;
+                 *wait = 0;
+                 *more = true;
+                 if (++polls == 3)
+                     self->step = ContProc::sentinel;
+             },
+             QK_OK, milliseconds(50)},
+            // Handed on to a step that has no body.
+            {[token](ContProc* self, int64_t* wait, QKResult*, bool* more) {
+                 *wait = 0;
+                 *more = true;
+                 self->step = [token](ContProc* next, int64_t* wait, QKResult*, bool* more) {
+                     *wait = 0;
+                     *more = true;
+                     next->step = nullptr;
+                 };
+             },
+             QK_ERROR, milliseconds(50)},
+            // Ended without a result.
+            {[token](ContProc*, int64_t*, QKResult*, bool*) {}, QK_ERROR, milliseconds(50)},
+        };
+        for (const Chain& chain : chains) {
+            const auto start = Clock::now();
+            EXPECT_EQ(ContProc::run(new ContProc(chain.first)), chain.result);
+            EXPECT_LT(Clock::now() - start, chain.limit) << chain.result;
+        }
+        // Built and never run: the caller deletes it.
+        delete new ContProc(chains[0].first);
     }
-    EXPECT_EQ(calls, 1);
     EXPECT_EQ(live, 0);
-}
-
-TEST(ContProcTest, PollRunsTheSameStepUntilItEnds)
-{
-    int passes = 0;
-    auto* proc = new ContProc([&passes](ContProc*, int64_t* wait, QKResult* result, bool* more) {
-        ++passes;
-        *wait = 0;
-        *more = passes < 1000; // zero waits: a thousand passes cost nothing
-        *result = QK_OK;
-    });
-    auto start = Clock::now();
-    EXPECT_EQ(ContProc::run(proc), QK_OK);
+    EXPECT_EQ(calls, 1);
     EXPECT_EQ(passes, 1000);
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(seen, (std::vector<int>{1, 42}));
+    EXPECT_EQ(polls, 3);
+    // Broken chains fail instead of crashing, and say so.
+    EXPECT_EQ(ContProc::run(nullptr), QK_ERROR);
+    EXPECT_EQ(ContProc::run(new ContProc()), QK_ERROR);
+    EXPECT_EQ(mark.Count("ContProc::run", "ERR"), 3);
+
+    // The sentinel leaves the wait alone.
+    QKResult result = QK_ERROR;
+    bool more = true;
+    int64_t wait = 5;
+    ContProc::sentinel(nullptr, &wait, &result, &more);
+    EXPECT_EQ(result, QK_OK);
+    EXPECT_FALSE(more);
+    EXPECT_EQ(wait, 5);
 }
 
 TEST(ContProcTest, WaitsAreSleptBetweenSteps)
@@ -64,110 +129,10 @@ TEST(ContProcTest, WaitsAreSleptBetweenSteps)
         *more = times.size() < 3;
         *result = QK_OK;
     });
-    ContProc::run(proc);
-    ASSERT_EQ(times.size(), 3u);
-    EXPECT_GE(times[1] - times[0], std::chrono::milliseconds(60));
-    EXPECT_GE(times[2] - times[1], std::chrono::milliseconds(60));
-}
-
-TEST(ContProcTest, HandingOnPassesStateThroughCaptures)
-{
-    int live = 0;
-    std::vector<int> seen;
-    {
-        Tracked token(&live);
-        auto* proc = new ContProc([token, &seen](ContProc* self, int64_t* wait, QKResult*, bool* more) {
-            int found = 41;
-            auto& log = seen;
-            log.push_back(1);
-            *wait = 0;
-            *more = true;
-            // The next step gets copies; this closure dies with the assignment.
-            self->step = [found, token, &log](ContProc*, int64_t*, QKResult* result, bool* more) {
-                log.push_back(found + 1);
-                *result = QK_LOW_BATTERY;
-                *more = false;
-            };
-        });
-        EXPECT_EQ(ContProc::run(proc), QK_LOW_BATTERY);
-    }
-    EXPECT_EQ(seen, (std::vector<int>{1, 42}));
-    EXPECT_EQ(live, 0);
-}
-
-TEST(ContProcTest, SentinelOverridesAnEarlierResult)
-{
-    auto* proc = new ContProc([](ContProc* self, int64_t* wait, QKResult* result, bool* more) {
-        *result = QK_ERROR;
-        *wait = 10;
-        *more = true;
-        self->step = ContProc::sentinel;
-    });
     EXPECT_EQ(ContProc::run(proc), QK_OK);
-
-    QKResult result = QK_ERROR;
-    bool more = true;
-    int64_t wait = 5;
-    ContProc::sentinel(nullptr, &wait, &result, &more);
-    EXPECT_EQ(result, QK_OK);
-    EXPECT_FALSE(more);
-    EXPECT_EQ(wait, 5);
-}
-
-TEST(ContProcTest, ResultWrittenEarlierStandsUnlessRewritten)
-{
-    int passes = 0;
-    auto* proc = new ContProc([&passes](ContProc*, int64_t* wait, QKResult* result, bool* more) {
-        if (passes++ == 0)
-            *result = QK_NOT_READY;
-        *wait = 0;
-        *more = passes < 3;
-    });
-    EXPECT_EQ(ContProc::run(proc), QK_NOT_READY);
-}
-
-TEST(ContProcTest, BrokenChainsFailInsteadOfCrashing)
-{
-    qktest::LogMark mark;
-    EXPECT_EQ(ContProc::run(nullptr), QK_ERROR);
-    EXPECT_EQ(ContProc::run(new ContProc()), QK_ERROR);
-    // A step that ends without writing a result.
-    EXPECT_EQ(ContProc::run(new ContProc([](ContProc*, int64_t*, QKResult*, bool*) {})), QK_ERROR);
-    EXPECT_EQ(mark.Count("ContProc::run"), 2);
-}
-
-TEST(ContProcTest, StateIsFreedOnEveryWayOut)
-{
-    int live = 0;
-    int passes = 0;
-    {
-        Tracked token(&live);
-        // Polled three times, then ended by the sentinel after a pause.
-        auto* polled = new ContProc([token, &passes](ContProc* self, int64_t* wait, QKResult*, bool* more) {
-            *wait = 0;
-            *more = true;
-            if (++passes == 3)
-                self->step = ContProc::sentinel;
-        });
-        EXPECT_EQ(ContProc::run(polled), QK_OK);
-        // Handed on to a step that has no body.
-        auto* emptied = new ContProc([token](ContProc* self, int64_t* wait, QKResult*, bool* more) {
-            *wait = 0;
-            *more = true;
-            self->step = [token](ContProc* next, int64_t* wait, QKResult*, bool* more) {
-                *wait = 0;
-                *more = true;
-                next->step = nullptr;
-            };
-        });
-        EXPECT_EQ(ContProc::run(emptied), QK_ERROR);
-        // Ended without a result.
-        EXPECT_EQ(ContProc::run(new ContProc([token](ContProc*, int64_t*, QKResult*, bool*) {})), QK_ERROR);
-        // Built and never run: the caller deletes it.
-        delete new ContProc([token](ContProc*, int64_t*, QKResult*, bool*) {});
-    }
-    EXPECT_EQ(passes, 3);
-    EXPECT_EQ(live, 0);
+    ASSERT_EQ(times.size(), 3u);
+    EXPECT_GE(times[1] - times[0], milliseconds(60));
+    EXPECT_GE(times[2] - times[1], milliseconds(60));
 }
 
 } // namespace
