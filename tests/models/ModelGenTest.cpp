@@ -6,6 +6,7 @@
 #include <string>
 
 #include "models/gen/ModelData.h"
+#include "tests/common/ModelRecord.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ using modelgen::FocusOutline;
 using modelgen::ModelData;
 using modelgen::ParseModel;
 using modelgen::SynthesiseFocusTable;
+using qktest::ValuePairs;
 
 const std::string head = "name X1\nmaxZoom 3\n";
 
@@ -42,20 +44,19 @@ TEST(ModelParse, ReadsARecord)
     EXPECT_EQ(red.writeKind, WriteKind_SubPropery2);
     EXPECT_EQ(red.subId1, 217);
     EXPECT_EQ(red.subId2, 5);
-    ASSERT_EQ(red.values.size(), 2u);
-    EXPECT_EQ(red.values[0].sdkValue, 0);
-    EXPECT_EQ(red.values[0].cameraValue, 1);
+    EXPECT_EQ(ValuePairs(red), "0=1 1=0");
 
     const ProperyConfig& size = m.properties[1].config;
     EXPECT_EQ(size.writeKind, WriteKind_Plain);
     EXPECT_EQ(size.subId1, -1);
-    ASSERT_EQ(size.values.size(), 2u);
+    ASSERT_EQ(ValuePairs(size), "0=0 4=4");
     EXPECT_TRUE(size.values[1].hasExtendedInfo);
     EXPECT_EQ(size.values[1].extendedInfo.width, 640);
     EXPECT_EQ(size.values[1].extendedInfo.height, 480);
 
     EXPECT_EQ(m.properties[2].config.writeKind, WriteKind_FlashPower);
     EXPECT_EQ(m.properties[2].config.subId2, 141);
+    EXPECT_EQ(ValuePairs(m.properties[2].config), "0=0 1=1 2=2 3=3");
     EXPECT_FALSE(m.hasFocus);
 }
 
@@ -121,22 +122,12 @@ TEST(ModelParse, WalkWrapsAndOmits)
                                   "    walk from=500 to=0 raw=-128 step=32\n",
                            &m, &error))
         << error;
-    const std::vector<ProperyValConfig>& tv = m.properties[0].config.values;
-    const int tvSdk[] = {150000, 130000, 100000, 80000, 60000, 50000, 32000,
-                         25000,  20000,  16000,  13000, 10000, 8000};
-    ASSERT_EQ(tv.size(), std::size(tvSdk));
-    for (size_t i = 0; i < tv.size(); ++i)
-        EXPECT_EQ(tv[i].sdkValue, tvSdk[i]);
-    EXPECT_EQ(tv[0].cameraValue, 65152);
-    EXPECT_EQ(tv[11].cameraValue, 65504);  // no gap where 40000 was left out
-    EXPECT_EQ(tv[12].cameraValue, 0);      // wrapped
-
-    const std::vector<ProperyValConfig>& ec = m.properties[1].config.values;
-    ASSERT_EQ(ec.size(), 4u);
-    EXPECT_EQ(ec[2].sdkValue, 502);
-    EXPECT_EQ(ec[3].sdkValue, 0);
-    EXPECT_EQ(ec[0].cameraValue, -128);
-    EXPECT_EQ(ec[3].cameraValue, -32);
+    ASSERT_EQ(m.properties.size(), 2u);
+    // No gap in the raw values where 40000 was left out; wrapped at the end.
+    EXPECT_EQ(ValuePairs(m.properties[0].config),
+              "150000=65152 130000=65184 100000=65216 80000=65248 60000=65280 50000=65312 32000=65344 "
+              "25000=65376 20000=65408 16000=65440 13000=65472 10000=65504 8000=0");
+    EXPECT_EQ(ValuePairs(m.properties[1].config), "500=-128 501=-96 502=-64 0=-32");
 }
 
 FocusOutline outline(int rows, long entries)

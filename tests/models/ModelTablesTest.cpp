@@ -2,89 +2,70 @@
 // in a data file shows up here.
 #include <gtest/gtest.h>
 
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "models/CameraDB.h"
+#include "tests/common/ModelRecord.h"
 
 namespace {
 
-struct ModelExpect {
-    const char* model;
+// Red Eye Mode's and Exposure Compensation's "kind subId1 [subId2]" where
+// present; Flash Power's two sub ids; case numbers by property number 0..24
+// without 12, '.' where the model lacks the property.
+struct Row {
     const wchar_t* name;
     int maxZoom;
     const char* constraints;  // PropConstraint numbers
-    size_t focusRows;
-    size_t properties;
-    size_t values;
-};
-
-const ModelExpect modelExpect[] = {
-    {"A1400", L"A1400", 63, "0", 0, 11, 58},
-    {"A2200", L"A2200", 6, "0 3", 0, 16, 100},
-    {"A4000", L"A4000", 126, "0", 0, 12, 72},
-    {"A495", L"A495", 6, "0", 0, 12, 72},
-    {"A800", L"A800", 6, "0", 0, 12, 62},
-    {"A810", L"A810", 63, "0", 0, 12, 74},
-    {"G15", L"G15", 120, "0 1 2 3", 0, 23, 231},
-    {"IXUS145", L"IXUS145", 100, "0", 0, 13, 82},
-    {"IXUS160", L"IXUS160", 100, "0", 0, 13, 82},
-    {"IXUS170", L"IXUS170", 100, "0", 0, 13, 81},
-    {"SX130", L"SX130", 125, "0 1 2", 0, 15, 145},
-    {"SX150", L"SX150", 125, "0 1 2 3", 126, 24, 197},
-    {"SX160", L"SX160", 125, "0 1 2 3", 126, 24, 192},
-    {"SX170", L"SX170", 126, "0 1 2 3", 127, 24, 191},
-    {"SX40", L"SX40HS", 200, "0 1 2", 0, 15, 152},
-    {"SX400", L"SX400IS", 126, "0", 0, 12, 67},
-    {"SX410", L"SX410IS", 121, "0 3", 0, 20, 123},
-    {"SX500", L"SX500", 125, "0 1 2 3", 0, 23, 188},
-    {"SX510", L"SX510", 126, "0 1 2 3", 0, 23, 191},
-    {"SX520", L"SX520", 194, "0 1 2 3", 0, 23, 189},
-};
-
-// Case numbers by property number 0..24 without 12; '.' where the model
-// lacks the property.
-const char* const caseRows[] = {
-    "49 221 167 157 271 143 219 149 . . . . -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 . . . 127 -1 6 188 59 229 55 . . . . -1 .",
-    "49 222 57 157 272 143 220 149 . . . 127 -1 6 . . . . . . . . -1 .",
-    "49 220 57 155 270 143 218 149 . . 107 . -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 . . 107 . -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 . . . 127 -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 .",
-    "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 .",
-    "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 .",
-    "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 26 268 211 127 -1 6 . . . . . . . . -1 .",
-    "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 -1",
-    "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 -1",
-    "49 221 57 157 271 143 219 149 26 267 107 127 -1 6 187 59 228 55 178 177 176 179 -1 -1",
-    "49 222 57 157 272 121 220 149 26 268 107 127 -1 6 . . . . . . . . -1 .",
-    "49 221 57 157 271 143 219 149 . . 107 . -1 6 . . . . . . . . -1 .",
-    "49 221 57 157 271 143 216 149 . . 107 127 . 6 187 59 228 55 178 177 176 179 -1 .",
-    "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 .",
-    "49 221 57 157 271 143 219 149 26 267 107 127 -1 6 187 59 228 55 178 177 176 179 -1 .",
-    "50 224 59 160 276 146 219 152 26 271 213 130 -1 6 190 61 231 57 181 180 179 182 -1 .",
-};
-
-// Red Eye Mode and Exposure Compensation: "kind subId1 [subId2]", or "." where
-// absent; then Flash Power's two sub ids.
-struct KindExpect {
+    size_t focusRows, values;
     const char* redEye;
     const char* exposureComp;
-    int flashAdjust;
-    int flashOutput;
+    int flashAdjust, flashOutput;
+    const char* cases;
 };
 
-const KindExpect kindRows[] = {
-    {"1 216", ".", 121, 141},     {"1 217", ".", 121, 141},     {"1 217", ".", 121, 141},
-    {"1 215", "1 209", 121, 141}, {"1 217", "1 211", 121, 141}, {"2 217 5", ".", 121, 141},
-    {"1 217", "1 211", 121, 141}, {"1 216", "1 210", 121, 141}, {"1 216", "1 210", 121, 141},
-    {"1 216", "1 210", 121, 141}, {"1 217", "0", 121, 141},     {"1 217", "1 211", 121, 141},
-    {"1 217", "1 211", 121, 141}, {"1 216", "1 210", 121, 141}, {"1 217", "1 211", 121, 141},
-    {"1 216", "1 210", 121, 141}, {"0", "1 210", 121, 141},     {"1 217", "1 211", 121, 141},
-    {"1 216", "1 210", 121, 141}, {"1 222", "1 110", 124, 144},
+const Row rows[] = {
+    {L"A1400", 63, "0", 0, 58, "1 216", "", 121, 141,
+     "49 221 167 157 271 143 219 149 . . . . -1 6 . . . . . . . . -1 ."},
+    {L"A2200", 6, "0 3", 0, 100, "1 217", "", 121, 141,
+     "49 222 57 157 272 143 220 149 . . . 127 -1 6 188 59 229 55 . . . . -1 ."},
+    {L"A4000", 126, "0", 0, 72, "1 217", "", 121, 141,
+     "49 222 57 157 272 143 220 149 . . . 127 -1 6 . . . . . . . . -1 ."},
+    {L"A495", 6, "0", 0, 72, "1 215", "1 209", 121, 141,
+     "49 220 57 155 270 143 218 149 . . 107 . -1 6 . . . . . . . . -1 ."},
+    {L"A800", 6, "0", 0, 62, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 143 220 149 . . 107 . -1 6 . . . . . . . . -1 ."},
+    {L"A810", 63, "0", 0, 74, "2 217 5", "", 121, 141,
+     "49 222 57 157 272 143 220 149 . . . 127 -1 6 . . . . . . . . -1 ."},
+    {L"G15", 120, "0 1 2 3", 0, 231, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 ."},
+    {L"IXUS145", 100, "0", 0, 82, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 ."},
+    {L"IXUS160", 100, "0", 0, 82, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 ."},
+    {L"IXUS170", 100, "0", 0, 81, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 . . 107 127 -1 6 . . . . . . . . -1 ."},
+    {L"SX130", 125, "0 1 2", 0, 145, "1 217", "0", 121, 141,
+     "49 222 57 157 272 143 220 149 26 268 211 127 -1 6 . . . . . . . . -1 ."},
+    {L"SX150", 125, "0 1 2 3", 126, 197, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 -1"},
+    {L"SX160", 125, "0 1 2 3", 126, 192, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 -1"},
+    {L"SX170", 126, "0 1 2 3", 127, 191, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 26 267 107 127 -1 6 187 59 228 55 178 177 176 179 -1 -1"},
+    {L"SX40HS", 200, "0 1 2", 0, 152, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 121 220 149 26 268 107 127 -1 6 . . . . . . . . -1 ."},
+    {L"SX400IS", 126, "0", 0, 67, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 . . 107 . -1 6 . . . . . . . . -1 ."},
+    {L"SX410IS", 121, "0 3", 0, 123, "0", "1 210", 121, 141,
+     "49 221 57 157 271 143 216 149 . . 107 127 . 6 187 59 228 55 178 177 176 179 -1 ."},
+    {L"SX500", 125, "0 1 2 3", 0, 188, "1 217", "1 211", 121, 141,
+     "49 222 57 157 272 143 220 149 26 268 107 127 -1 6 188 59 229 55 179 178 177 180 -1 ."},
+    {L"SX510", 126, "0 1 2 3", 0, 191, "1 216", "1 210", 121, 141,
+     "49 221 57 157 271 143 219 149 26 267 107 127 -1 6 187 59 228 55 178 177 176 179 -1 ."},
+    {L"SX520", 194, "0 1 2 3", 0, 189, "1 222", "1 110", 124, 144,
+     "50 224 59 160 276 146 219 152 26 271 213 130 -1 6 190 61 231 57 181 180 179 182 -1 ."},
 };
 
 const int propNumbers[] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
@@ -110,13 +91,15 @@ std::string kindOf(const ProperyConfig& p)
     return s;
 }
 
-TEST(ModelTables, TableOrderAndCounts)
+// Every record in recognition order; exactly the listed properties, so none
+// numbered 12 and none beyond, with their case numbers and write kinds.
+TEST(ModelTables, EveryRecordAgainstItsRow)
 {
-    ASSERT_EQ(cameraDB.size(), std::size(modelExpect));
+    ASSERT_EQ(cameraDB.size(), std::size(rows));
     for (size_t i = 0; i < cameraDB.size(); ++i) {
-        const ModelExpect& e = modelExpect[i];
+        const Row& e = rows[i];
         const CameraConfig& c = cameraDB[i];
-        SCOPED_TRACE(e.model);
+        SCOPED_TRACE(qktest::ModelName(c));
         EXPECT_EQ(c.name, e.name);
         EXPECT_EQ(c.maxZoom, e.maxZoom);
         std::set<PropConstraint> constraints;
@@ -124,101 +107,48 @@ TEST(ModelTables, TableOrderAndCounts)
             constraints.insert(static_cast<PropConstraint>(std::stoi(n)));
         EXPECT_EQ(c.constraints, constraints);
         EXPECT_EQ(c.focusTable.size(), e.focusRows);
-        EXPECT_EQ(c.properties.size(), e.properties);
-        size_t values = 0;
+        size_t values = 0, present = 0;
         for (const auto& p : c.properties)
             values += p.second.values.size();
         EXPECT_EQ(values, e.values);
-    }
-}
 
-TEST(ModelTables, CaseNumbers)
-{
-    ASSERT_EQ(cameraDB.size(), std::size(caseRows));
-    for (size_t i = 0; i < cameraDB.size(); ++i) {
-        SCOPED_TRACE(modelExpect[i].model);
-        std::vector<std::string> cells = words(caseRows[i]);
+        std::vector<std::string> cells = words(e.cases);
         ASSERT_EQ(cells.size(), std::size(propNumbers));
         for (size_t k = 0; k < cells.size(); ++k) {
-            auto it = cameraDB[i].properties.find(static_cast<QKProp>(propNumbers[k]));
+            SCOPED_TRACE("property " + std::to_string(propNumbers[k]));
+            auto it = c.properties.find(static_cast<QKProp>(propNumbers[k]));
             if (cells[k] == ".") {
-                EXPECT_EQ(it, cameraDB[i].properties.end()) << "property " << propNumbers[k];
-            } else {
-                ASSERT_NE(it, cameraDB[i].properties.end()) << "property " << propNumbers[k];
-                EXPECT_EQ(it->second.cameraId, std::stoi(cells[k])) << "property " << propNumbers[k];
+                EXPECT_EQ(it, c.properties.end());
+                continue;
             }
-        }
-    }
-}
-
-TEST(ModelTables, WriteKindsAndSubIds)
-{
-    for (size_t i = 0; i < cameraDB.size(); ++i) {
-        SCOPED_TRACE(modelExpect[i].model);
-        const auto& props = cameraDB[i].properties;
-        for (const auto& entry : props) {
-            const ProperyConfig& p = entry.second;
-            switch (entry.first) {
-            case QKProp::ShootingMode:
-                EXPECT_EQ(p.writeKind, WriteKind_CaptureMode);
-                break;
+            ++present;
+            ASSERT_NE(it, c.properties.end());
+            const ProperyConfig& p = it->second;
+            EXPECT_EQ(p.cameraId, std::stoi(cells[k]));
+            switch (it->first) {
+            case QKProp::ShootingMode: EXPECT_EQ(p.writeKind, WriteKind_CaptureMode); break;
+            case QKProp::ManualFocusMode: EXPECT_EQ(p.writeKind, WriteKind_ManualFocus); break;
+            case QKProp::RedEyeMode: EXPECT_EQ(kindOf(p), e.redEye); break;
+            case QKProp::ExposureComp: EXPECT_EQ(kindOf(p), e.exposureComp); break;
             case QKProp::FlashPower:
                 EXPECT_EQ(p.writeKind, WriteKind_FlashPower);
-                EXPECT_EQ(p.subId1, kindRows[i].flashAdjust);
-                EXPECT_EQ(p.subId2, kindRows[i].flashOutput);
+                EXPECT_EQ(p.subId1, e.flashAdjust);
+                EXPECT_EQ(p.subId2, e.flashOutput);
                 break;
-            case QKProp::ManualFocusMode:
-                EXPECT_EQ(p.writeKind, WriteKind_ManualFocus);
-                break;
-            case QKProp::RedEyeMode:
-                EXPECT_EQ(kindOf(p), kindRows[i].redEye);
-                break;
-            case QKProp::ExposureComp:
-                EXPECT_EQ(kindOf(p), kindRows[i].exposureComp);
-                break;
-            default:
-                EXPECT_EQ(p.writeKind, WriteKind_Plain) << static_cast<int>(entry.first);
-                break;
+            default: EXPECT_EQ(p.writeKind, WriteKind_Plain); break;
             }
             // Ids that a kind doesn't use stay at -1, so nobody writes case 0
             // by mistake.
-            bool usesSub1 = p.writeKind == WriteKind_SubPropery || p.writeKind == WriteKind_SubPropery2 ||
-                            p.writeKind == WriteKind_FlashPower;
             bool usesSub2 = p.writeKind == WriteKind_SubPropery2 || p.writeKind == WriteKind_FlashPower;
-            if (!usesSub1) {
-                EXPECT_EQ(p.subId1, -1) << static_cast<int>(entry.first);
+            if (!usesSub2 && p.writeKind != WriteKind_SubPropery) {
+                EXPECT_EQ(p.subId1, -1);
             }
             if (!usesSub2) {
-                EXPECT_EQ(p.subId2, -1) << static_cast<int>(entry.first);
+                EXPECT_EQ(p.subId2, -1);
             }
         }
-        EXPECT_EQ(props.count(QKProp::ExposureComp) != 0, std::string(kindRows[i].exposureComp) != ".");
+        EXPECT_EQ(c.properties.size(), present);
     }
-}
-
-TEST(ModelTables, PropertyPresence)
-{
-    for (const CameraConfig& c : cameraDB) {
-        SCOPED_TRACE(std::string(c.name.begin(), c.name.end()));
-        EXPECT_EQ(c.properties.count(static_cast<QKProp>(12)), 0u);
-        bool manualFocus = c.name == L"SX150" || c.name == L"SX160" || c.name == L"SX170";
-        EXPECT_EQ(c.properties.count(QKProp::ManualFocusMode) != 0, manualFocus);
-        EXPECT_EQ(c.properties.count(QKProp::BatteryLevel) != 0, c.name != L"SX410IS");
-    }
-}
-
-TEST(FindCameraConfig, FirstContainedNameWins)
-{
-    CameraConfig found;
-    ASSERT_TRUE(findCameraConfig(&found, L"Digital Camera SX400IS"));
-    EXPECT_EQ(found.name, L"SX400IS");
-    EXPECT_EQ(found.maxZoom, 126);
-    ASSERT_TRUE(findCameraConfig(&found, L"Digital Camera SX40HS"));
-    EXPECT_EQ(found.name, L"SX40HS");
-    ASSERT_TRUE(findCameraConfig(&found, L"SX160 IS"));
-    EXPECT_EQ(found.name, L"SX160");
-    ASSERT_TRUE(findCameraConfig(&found, L"A495"));
-    EXPECT_EQ(found.name, L"A495");
 }
 
 TEST(FindCameraConfig, MissLeavesTheOutputAlone)
@@ -235,7 +165,7 @@ TEST(FindCameraConfig, MissLeavesTheOutputAlone)
 }
 
 // Recognition takes the first contained name, so no name may occur in the
-// product string of a model listed after it.
+// product string of a model listed after it (SX40HS after SX400IS, say).
 TEST(FindCameraConfig, EveryModelIsRecognisedAsItself)
 {
     for (const CameraConfig& c : cameraDB) {
@@ -243,6 +173,8 @@ TEST(FindCameraConfig, EveryModelIsRecognisedAsItself)
         for (const std::wstring& product : {c.name, L"Digital Camera " + c.name, c.name + L" IS"}) {
             ASSERT_TRUE(findCameraConfig(&found, product));
             EXPECT_EQ(found.name, c.name);
+            EXPECT_EQ(found.maxZoom, c.maxZoom);
+            EXPECT_EQ(found.properties.size(), c.properties.size());
         }
     }
 }

@@ -67,6 +67,8 @@ TEST(PropertyCatalogue, NameAndValueTablesAreExactInverses)
     }
 }
 
+// Both directions of each; "+2", "0" and "Auto" name different numbers in
+// different properties.
 TEST(PropertyCatalogue, ValuesCarryTheirNumbers)
 {
     struct Case {
@@ -78,25 +80,28 @@ TEST(PropertyCatalogue, ValuesCarryTheirNumbers)
         {QKProp::ShootingMode, 0, "Auto"},          {QKProp::ShootingMode, 51, "Video2"},
         {QKProp::ShootingMode, 21, "iFrameMovie"},  {QKProp::ImageSize, 5, "Medium"},
         {QKProp::JpegQuality, 3, "Normal 2"},       {QKProp::WBmode, 5, "Fluorescent H"},
-        {QKProp::ISOSpeed, 0, "Auto"},              {QKProp::ISOSpeed, 12800, "ISO 12800"},
-        {QKProp::Av, 18, "1.8"},                    {QKProp::Av, 80, "8.0"},
-        {QKProp::Tv, 150000, "15\""},               {QKProp::Tv, 32000, "3\"2"},
-        {QKProp::Tv, 3000, "0\"3"},                 {QKProp::Tv, 2500, "1/4"},
-        {QKProp::Tv, 2, "1/3200"},                  {QKProp::Tv, 1, "1/4000"},
-        {QKProp::ExposureComp, 500, "-3"},          {QKProp::ExposureComp, 0, "-2"},
-        {QKProp::ExposureComp, 200, "0"},           {QKProp::ExposureComp, 505, "+3"},
+        {QKProp::WBmode, 0, "Auto"},                {QKProp::ISOSpeed, 0, "Auto"},
+        {QKProp::ISOSpeed, 12800, "ISO 12800"},     {QKProp::Av, 18, "1.8"},
+        {QKProp::Av, 80, "8.0"},                    {QKProp::Tv, 150000, "15\""},
+        {QKProp::Tv, 32000, "3\"2"},                {QKProp::Tv, 3000, "0\"3"},
+        {QKProp::Tv, 2500, "1/4"},                  {QKProp::Tv, 2, "1/3200"},
+        {QKProp::Tv, 1, "1/4000"},                  {QKProp::ExposureComp, 500, "-3"},
+        {QKProp::ExposureComp, 0, "-2"},            {QKProp::ExposureComp, 200, "0"},
+        {QKProp::ExposureComp, 400, "+2"},          {QKProp::ExposureComp, 505, "+3"},
+        {QKProp::Contrast, 2, "0"},                 {QKProp::Contrast, 4, "2"},
         {QKProp::FlashComp, 34, "-1.66"},           {QKProp::BatteryLevel, 4, "DC"},
         {QKProp::FocusingZone, 5, "Manual Focus"},  {QKProp::MyColors, 13, "ColorAccent Mode"},
         {QKProp::SkinTone, 0, "-2"},                {QKProp::FlashPower, 3, "High"},
         {QKProp::ManualFocusMode, 1, "Off"},        {QKProp::RedEyeMode, 0, "On"},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(static_cast<int>(c.property)) + " " + c.name);
         const char* name = nullptr;
-        ASSERT_EQ(GetPropertyValName(static_cast<int>(c.property), c.value, &name), 0) << c.name;
+        ASSERT_EQ(GetPropertyValName(static_cast<int>(c.property), c.value, &name), 0);
         EXPECT_STREQ(name, c.name);
         int value = -1;
         ASSERT_EQ(GetProperyNameVal(static_cast<int>(c.property), c.name, &value), QK_OK);
-        EXPECT_EQ(value, c.value) << c.name;
+        EXPECT_EQ(value, c.value);
     }
 }
 
@@ -118,75 +123,34 @@ TEST(PropertyCatalogue, ListedOrderOfStepProperties)
                                     333, 366, 400, 503, 504, 505}));
 }
 
-TEST(PropertyLookups, TwelveMissesEverywhere)
-{
-    const char* name = "untouched";
-    EXPECT_EQ(GetPropertyName(12, &name), 1);
-    EXPECT_STREQ(name, "untouched");
-    EXPECT_EQ(GetPropertyValName(12, 0, &name), 1);
-    EXPECT_STREQ(name, "untouched");
-    int value = -5;
-    EXPECT_EQ(GetProperyNameVal(12, "Auto", &value), QK_UNSUPPORTED_VALUE);
-    EXPECT_EQ(value, -5);
-    bool rw = true;
-    EXPECT_EQ(IsPropRW(static_cast<QKProp>(12), &rw), 1);
-    EXPECT_TRUE(rw);
-}
-
+// 12 is a gap in the property numbers.
 TEST(PropertyLookups, MissesLeaveOutputsAlone)
 {
     const char* name = "untouched";
-    EXPECT_EQ(GetPropertyName(25, &name), 1);
-    EXPECT_EQ(GetPropertyName(-1, &name), 1);
+    for (int property : {12, 25, -1})
+        EXPECT_EQ(GetPropertyName(property, &name), 1) << property;
     // 200 is a value of Exposure Compensation, not of Contrast.
-    EXPECT_EQ(GetPropertyValName(static_cast<int>(QKProp::Contrast), 200, &name), 1);
-    EXPECT_EQ(GetPropertyValName(static_cast<int>(QKProp::Tv), 40001, &name), 1);
+    const std::pair<QKProp, int> values[] = {
+        {static_cast<QKProp>(12), 0}, {QKProp::Contrast, 200}, {QKProp::Tv, 40001}};
+    for (const auto& [property, value] : values)
+        EXPECT_EQ(GetPropertyValName(static_cast<int>(property), value, &name), 1) << value;
     EXPECT_STREQ(name, "untouched");
 
-    int value = -5;
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::FlashMode), "auto", &value),
-              QK_UNSUPPORTED_VALUE);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::FlashMode), "Auto ", &value),
-              QK_UNSUPPORTED_VALUE);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::FlashMode), "", &value),
-              QK_UNSUPPORTED_VALUE);
-    EXPECT_EQ(value, -5);
+    const std::pair<QKProp, const char*> names[] = {
+        {static_cast<QKProp>(12), "Auto"}, {QKProp::FlashMode, "auto"}, {QKProp::FlashMode, "Auto "},
+        {QKProp::FlashMode, ""},           {QKProp::Contrast, "+2"},    {QKProp::MyColors, "Auto"},
+    };
+    for (const auto& [property, text] : names) {
+        int value = -5;
+        EXPECT_EQ(GetProperyNameVal(static_cast<int>(property), text, &value), QK_UNSUPPORTED_VALUE) << text;
+        EXPECT_EQ(value, -5) << text;
+    }
 
-    bool rw = true;
-    EXPECT_EQ(IsPropRW(static_cast<QKProp>(25), &rw), 1);
-    EXPECT_TRUE(rw);
-}
-
-TEST(PropertyLookups, SignedStepNamesDependOnTheProperty)
-{
-    int value = -5;
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::ExposureComp), "+2", &value), QK_OK);
-    EXPECT_EQ(value, 400);
-    value = -5;
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::Contrast), "+2", &value),
-              QK_UNSUPPORTED_VALUE);
-    EXPECT_EQ(value, -5);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::Contrast), "2", &value), QK_OK);
-    EXPECT_EQ(value, 4);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::ExposureComp), "0", &value), QK_OK);
-    EXPECT_EQ(value, 200);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::Contrast), "0", &value), QK_OK);
-    EXPECT_EQ(value, 2);
-    // "Auto" is a value of six properties, with different numbers.
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::WBmode), "Auto", &value), QK_OK);
-    EXPECT_EQ(value, 0);
-    EXPECT_EQ(GetProperyNameVal(static_cast<int>(QKProp::MyColors), "Auto", &value),
-              QK_UNSUPPORTED_VALUE);
-}
-
-TEST(PropertyLookups, BatteryLevelIsReadOnly)
-{
-    bool rw = true;
-    EXPECT_EQ(IsPropRW(QKProp::BatteryLevel, &rw), 0);
-    EXPECT_FALSE(rw);
-    rw = false;
-    EXPECT_EQ(IsPropRW(QKProp::ManualFocusMode, &rw), 0);
-    EXPECT_TRUE(rw);
+    for (int property : {12, 25}) {
+        bool rw = true;
+        EXPECT_EQ(IsPropRW(static_cast<QKProp>(property), &rw), 1);
+        EXPECT_TRUE(rw);
+    }
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "DevicePTP/DevicePTP.h"
 #include "DevicePTP/PtpCodes.h"
 #include "sim/CameraSettings.h"
+#include "sim/PtpReplies.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
@@ -81,12 +82,24 @@ protected:
     }
 
     // Adds the camera and opens it; the caller may adjust the camera before loading.
-    void Open(const std::string& model)
+    void Open(const std::string& model, bool load = false)
     {
         camera = AddCamera(model, "QKS0001");
         ASSERT_TRUE(camera);
         device = std::make_shared<RecordingCamera>(Transport(), camera->Path());
         ASSERT_EQ(device->Init(), QK_OK);
+        if (load)
+            Load();
+    }
+    // A host object of another kind on the same camera, in place of the first.
+    template <class Host = RecordingCamera>
+    std::shared_ptr<Host> Reopen()
+    {
+        device.reset();
+        auto host = std::make_shared<Host>(Transport(), camera->Path());
+        EXPECT_EQ(host->Init(), QK_OK);
+        device = host;
+        return host;
     }
     void Load()
     {
@@ -107,5 +120,6 @@ protected:
 };
 
 constexpr int P(QKProp p) { return static_cast<int>(p); }
+constexpr uint32_t Set = PTP_QKM_SetPropCase;
 
 } // namespace qktest

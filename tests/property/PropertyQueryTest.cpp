@@ -33,39 +33,42 @@ protected:
     }
 };
 
-TEST_F(PropertyQueryTest, ListFollowsTheConstraints)
+TEST_F(PropertyQueryTest, ListsAndValuesFollowTheConstraints)
 {
-    Open("SX160");
-    Load();
-    std::vector<int> list = List();
-    // Program: no Av, no Tv; My Colors off: no colour properties.
-    EXPECT_EQ(list, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 10, 11, 13, 14, 15, 23, 24}));
+    Open("SX160", true); // Program, Large, My Colors off
+    // No Av, no Tv; no colour properties; no Superfine.
+    EXPECT_EQ(List(), (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 10, 11, 13, 14, 15, 23, 24}));
     EXPECT_TRUE(Values(QKProp::Av).empty());
+    EXPECT_EQ(Values(QKProp::JpegQuality), (std::vector<int>{1, 2}));
     // The cached aperture is there all the same.
     int av = 0;
     EXPECT_EQ(device->GetPropertyData(P(QKProp::Av), &av), QK_OK);
 
     ASSERT_EQ(device->SetPropertyData(P(QKProp::ShootingMode), 2), QK_OK);
     ASSERT_EQ(device->SetPropertyData(P(QKProp::MyColors), 11), QK_OK);
+    ASSERT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 2), QK_OK);
     EXPECT_EQ(List(), (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 14, 15, 16, 17, 18, 19,
                                         20, 21, 22, 23, 24}));
     EXPECT_EQ(Values(QKProp::Av), (std::vector<int>{35, 40, 45, 50, 56, 63, 71, 80}));
-}
-
-TEST_F(PropertyQueryTest, SuperfineComesAndGoesWithLargeImages)
-{
-    Open("SX160");
-    Load(); // starts at Large
-    EXPECT_EQ(Values(QKProp::JpegQuality), (std::vector<int>{1, 2}));
-    ASSERT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 2), QK_OK);
     EXPECT_EQ(Values(QKProp::JpegQuality), (std::vector<int>{0, 1, 2}));
+
+    // Arrays go back once through FreePointer.
+    int* props = nullptr;
+    int count = 0;
+    ASSERT_EQ(device->GetPropertyList(&props, &count), QK_OK);
+    LogMark mark;
+    device->FreePointer(props);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(props);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
 TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeight)
 {
     Open("A1400");
-    Load();
     QKProp_Desc* desc = nullptr;
+    EXPECT_EQ(device->GetPropertyDesc(P(QKProp::Av), &desc), QK_UNKNOWN_PROPERTY); // not on this model
+    Load();
     std::vector<int> sizes = Values(QKProp::ImageSize, &desc);
     ASSERT_NE(desc, nullptr);
     ASSERT_NE(desc->extended, nullptr);
@@ -89,8 +92,7 @@ TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeight)
 
 TEST_F(PropertyQueryTest, ValuesComeInTheModelsOrder)
 {
-    Open("SX520");
-    Load();
+    Open("SX520", true);
     std::vector<int> modes = Values(QKProp::ShootingMode);
     ASSERT_FALSE(modes.empty());
     EXPECT_EQ(modes.front(), 2);
@@ -99,6 +101,9 @@ TEST_F(PropertyQueryTest, ValuesComeInTheModelsOrder)
 TEST_F(PropertyQueryTest, RecordAnswersBeforeALoadButTheCacheDoesNot)
 {
     Open("SX160");
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::MeteringMode), 1), QK_UNKNOWN_PROPERTY);
+    EXPECT_EQ(device->ReadCameraMode(), QK_OK); // nor is the mode asked
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
     EXPECT_EQ(Values(QKProp::MeteringMode), (std::vector<int>{0, 1, 2}));
     int value = 0;
     LogMark mark;
@@ -117,43 +122,6 @@ TEST_F(PropertyQueryTest, RecordAnswersBeforeALoadButTheCacheDoesNot)
     EXPECT_EQ(device->GetPropertyDesc(P(QKProp::Av) + 100, &desc), QK_UNKNOWN_PROPERTY);
     EXPECT_EQ(desc, reinterpret_cast<QKProp_Desc*>(0x1));
     EXPECT_EQ(mark.Count("GetPropertyDesc: Property not found: 108"), 1);
-}
-
-TEST_F(PropertyQueryTest, ModelWithoutAvCallsItUnknown)
-{
-    Open("A1400");
-    QKProp_Desc* desc = nullptr;
-    EXPECT_EQ(device->GetPropertyDesc(P(QKProp::Av), &desc), QK_UNKNOWN_PROPERTY);
-}
-
-TEST_F(PropertyQueryTest, ArraysGoBackOnceThroughFreePointer)
-{
-    Open("SX160");
-    Load();
-    int* props = nullptr;
-    int count = 0;
-    ASSERT_EQ(device->GetPropertyList(&props, &count), QK_OK);
-    LogMark mark;
-    device->FreePointer(props);
-    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
-    device->FreePointer(props);
-    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
-}
-
-TEST_F(PropertyQueryTest, GuardHookStopsAQuery)
-{
-    struct Guarded : RecordingCamera {
-        using RecordingCamera::RecordingCamera;
-        QKResult GuardAll() override { return QK_NOT_READY; }
-    };
-    Open("SX160");
-    auto guarded = std::make_shared<Guarded>(usb, camera->Path());
-    device.reset();
-    ASSERT_EQ(guarded->Init(), QK_OK);
-    ASSERT_EQ(guarded->InitialLoadProperties(), QK_OK);
-    int value = -7;
-    EXPECT_EQ(guarded->GetPropertyData(P(QKProp::MeteringMode), &value), QK_NOT_READY);
-    EXPECT_EQ(value, -7);
 }
 
 } // namespace
