@@ -10,6 +10,7 @@
 
 #include "sim/CameraLens.h"
 #include "sim/CameraSettings.h"
+#include "sim/PtpContainer.h"
 #include "sim/PtpResponder.h"
 
 namespace {
@@ -18,8 +19,6 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using qksim::CameraLens;
 using qksim::CameraSettings;
-
-constexpr uint32_t zoomFinished = 0x08;
 
 // A lens installed as a camera has it, so its finish reaches the event word.
 struct Lens {
@@ -57,6 +56,12 @@ TEST(CameraLens, ZoomMotorTakesItsTimePerPosition)
         std::this_thread::sleep_for(5ms);
     EXPECT_EQ(l.lens->ZoomPosition(), 30);
     EXPECT_EQ(l.settings->ZoomPosition(), 30) << "the lens rests where it arrived";
+    // ... and takes its resting place from the settings.
+    l.settings->SetZoomPosition(42);
+    EXPECT_EQ(l.lens->ZoomPosition(), 42);
+    l.lens->SetZoomTimePerPosition(0ms);
+    ASSERT_TRUE(l.lens->StartZoom(40));
+    EXPECT_EQ(l.lens->ZoomPosition(), 40);
 }
 
 TEST(CameraLens, FinishIsReportedOnceThroughTheEventWord)
@@ -67,11 +72,11 @@ TEST(CameraLens, FinishIsReportedOnceThroughTheEventWord)
     ASSERT_TRUE(l.lens->StartZoom(5)); // 100 ms
     const uint32_t early = l.settings->TakeEvents();
     if (Clock::now() - start < 100ms) {
-        EXPECT_EQ(early & zoomFinished, 0u);
+        EXPECT_EQ(early & qksim::ptp::EVENT_ZOOM_FINISHED, 0u);
     }
     std::this_thread::sleep_for(120ms);
-    EXPECT_EQ(l.settings->TakeEvents() & zoomFinished, zoomFinished);
-    EXPECT_EQ(l.settings->TakeEvents() & zoomFinished, 0u);
+    EXPECT_EQ(l.settings->TakeEvents() & qksim::ptp::EVENT_ZOOM_FINISHED, qksim::ptp::EVENT_ZOOM_FINISHED);
+    EXPECT_EQ(l.settings->TakeEvents() & qksim::ptp::EVENT_ZOOM_FINISHED, 0u);
 
     // An arrival not yet reported is forgotten when a new move starts.
     l.lens->SetZoomTimePerPosition(0ms);
@@ -79,27 +84,8 @@ TEST(CameraLens, FinishIsReportedOnceThroughTheEventWord)
     EXPECT_EQ(l.lens->ZoomPosition(), 9);
     l.lens->SetZoomTimePerPosition(1000ms);
     ASSERT_TRUE(l.lens->StartZoom(10));
-    EXPECT_EQ(l.settings->TakeEvents() & zoomFinished, 0u);
+    EXPECT_EQ(l.settings->TakeEvents() & qksim::ptp::EVENT_ZOOM_FINISHED, 0u);
     EXPECT_EQ(l.lens->ZoomPosition(), 9);
-}
-
-TEST(CameraLens, ZoomOutsideTheLensIsRefused)
-{
-    Lens l("A1400");
-    EXPECT_FALSE(l.lens->StartZoom(64));
-    EXPECT_FALSE(l.lens->StartZoom(-1));
-    EXPECT_FALSE(l.lens->ZoomMoving());
-    EXPECT_TRUE(l.lens->StartZoom(63));
-}
-
-TEST(CameraLens, RestingPositionComesFromTheSettings)
-{
-    Lens l("SX160");
-    l.settings->SetZoomPosition(42);
-    EXPECT_EQ(l.lens->ZoomPosition(), 42);
-    l.lens->SetZoomTimePerPosition(0ms);
-    ASSERT_TRUE(l.lens->StartZoom(40));
-    EXPECT_EQ(l.lens->ZoomPosition(), 40);
 }
 
 TEST(CameraLens, FocusLandsOnTheNearestEntryOfTheZoomsRow)
@@ -129,9 +115,14 @@ TEST(CameraLens, FocusLandsOnTheNearestEntryOfTheZoomsRow)
     EXPECT_EQ(l.lens->FocusParams(), (std::vector<int32_t>{1, row60[20]}));
 }
 
-TEST(CameraLens, LensWithoutATableGoesWhereItIsTold)
+TEST(CameraLens, SmallLensRefusesZoomBeyondItAndFocusesWhereItIsTold)
 {
     Lens l("A1400");
+    EXPECT_FALSE(l.lens->StartZoom(64));
+    EXPECT_FALSE(l.lens->StartZoom(-1));
+    EXPECT_FALSE(l.lens->ZoomMoving());
+    EXPECT_TRUE(l.lens->StartZoom(63));
+    // No focus table.
     EXPECT_TRUE(l.lens->FocusTable().empty());
     EXPECT_EQ(l.lens->FocusPosition(), 0);
     EXPECT_EQ(l.lens->MoveFocusTo(1234), 1234);

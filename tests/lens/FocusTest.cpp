@@ -8,21 +8,12 @@ namespace {
 using namespace qktest;
 using qksim::PtpCommand;
 
-constexpr uint32_t pastLastOnWire = 0xFFFFFFFF;
-
 std::vector<std::vector<uint32_t>> Targets(std::initializer_list<int32_t> targets)
 {
     std::vector<std::vector<uint32_t>> args;
     for (int32_t t : targets)
         args.push_back({static_cast<uint32_t>(t)});
     return args;
-}
-
-int Focus(LensCamera& device)
-{
-    int focus = -12345;
-    EXPECT_EQ(device.GetFocus(&focus), QK_OK);
-    return focus;
 }
 
 TEST_F(LensTest, FocusMoveTakesWhereTheCameraStopped)
@@ -36,7 +27,7 @@ TEST_F(LensTest, FocusMoveTakesWhereTheCameraStopped)
     int reached = -99;
     ASSERT_EQ(device->PTPManualFocusSet(asked, &reached), QK_OK);
     EXPECT_EQ(reached, row[n - 2]);
-    EXPECT_EQ(Focus(*device), row[n - 2]);
+    EXPECT_EQ(FocusNow(), row[n - 2]);
     EXPECT_EQ(Lens().FocusPosition(), row[n - 2]);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({asked}));
     EXPECT_EQ(mark.Count("PTP_QKM_MoveFocusTo res: 0 " + std::to_string(row[n - 2]), "DEB"), 1);
@@ -44,13 +35,13 @@ TEST_F(LensTest, FocusMoveTakesWhereTheCameraStopped)
 
     // No place for the result: the move is taken over and announced all the same.
     ASSERT_EQ(device->PTPManualFocusSet(row[3], nullptr), QK_OK);
-    EXPECT_EQ(Focus(*device), row[3]);
+    EXPECT_EQ(FocusNow(), row[3]);
     // Ending where the last announcement stood announces nothing.
     ASSERT_EQ(device->PTPManualFocusSet(row[3], &reached), QK_OK);
     // Past the last entry goes out as all ones.
     ASSERT_EQ(device->PTPManualFocusSet(-1, &reached), QK_OK);
     EXPECT_EQ(reached, -1);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo).back(), std::vector<uint32_t>{pastLastOnWire});
+    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo).back(), std::vector<uint32_t>{0xFFFFFFFFu});
     EXPECT_EQ(device->FocusHooks(), (std::vector<int>{row[n - 2], row[3], -1}));
 
     // The first word follows the manual focus switch on this camera.
@@ -86,7 +77,7 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
         int reached = -99;
         EXPECT_EQ(device->PTPManualFocusSet(Row(0)[9], &reached), QK_ERROR);
         EXPECT_EQ(reached, -99);
-        EXPECT_EQ(Focus(*device), start);
+        EXPECT_EQ(FocusNow(), start);
         EXPECT_EQ(mark.Count(c.line), 1);
         EXPECT_EQ(mark.Count("PTP_QKM_MoveFocusTo failed", "ERR"), 1);
     }
@@ -114,7 +105,7 @@ TEST_F(LensTest, FocusParamsAndUpdateFocusPos)
     EXPECT_EQ(mark.Count("focus changed from camera: 777", "INF"), 1);
     EXPECT_EQ(mark.Count("focus changed: 777", "INF"), 1);
     EXPECT_EQ(device->FocusHooks(), std::vector<int>{777});
-    EXPECT_EQ(Focus(*device), 777);
+    EXPECT_EQ(FocusNow(), 777);
 
     for (const qksim::PtpReply& bad : {Refused(), WordsReply({3})}) {
         camera->SetVendorHandler(PTP_QKM_GetFocusParams, [bad](const PtpCommand&) { return bad; });
@@ -127,31 +118,9 @@ TEST_F(LensTest, FocusParamsAndUpdateFocusPos)
         EXPECT_EQ(device->UpdateFocusPos(), QK_ERROR);
         EXPECT_EQ(failed.Count("PTP_QKM_GetFocusParams failed", "ERR"), 2);
         EXPECT_EQ(failed.Count("PTPManualFocusGetParams failed", "ERR"), 1);
-        EXPECT_EQ(Focus(*device), 777);
+        EXPECT_EQ(FocusNow(), 777);
     }
     EXPECT_EQ(device->FocusHooks(), std::vector<int>{777});
-}
-
-TEST_F(LensTest, UpdateFocusPosWithoutManualFocusAsksNothing)
-{
-    {
-        SCOPED_TRACE("A1400");
-        Open("A1400");
-        LogMark mark;
-        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
-        EXPECT_TRUE(camera->ReceivedCommands().empty());
-        EXPECT_EQ(mark.Since(), "");
-        TearDown();
-    }
-    {
-        SCOPED_TRACE("SX160 whose camera offers no manual focus");
-        Open("SX160");
-        Settings().SetFlagWord(0x5);
-        ASSERT_EQ(device->LoadCameraFlags(), QK_OK);
-        camera->ClearRecords();
-        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
-        EXPECT_TRUE(camera->ReceivedCommands().empty());
-    }
 }
 
 // FocusShift on an SX160 at zoom 0, the focus taken over from the camera.
@@ -166,77 +135,81 @@ protected:
     }
 };
 
-TEST_F(FocusShiftTest, MovingLensNeedsOneAttempt)
+TEST_F(FocusShiftTest, MovingLensNeedsOneAttemptInTheRowOfTheZoom)
 {
     const std::vector<int32_t> row = Row(0);
     Start(row[10]);
+    // A refusing guard and a zero shift send nothing.
+    device->guardResult = QK_NOT_READY;
+    EXPECT_EQ(device->FocusShift(1), QK_NOT_READY);
+    EXPECT_EQ(device->guardCalls, 1);
+    device->guardResult = QK_OK;
+    EXPECT_EQ(device->FocusShift(0), QK_OK);
+    EXPECT_EQ(device->guardCalls, 1);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+
     LogMark mark;
     ASSERT_EQ(device->FocusShift(1), QK_OK);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row[11]}));
-    EXPECT_EQ(Focus(*device), row[11]);
+    EXPECT_EQ(FocusNow(), row[11]);
     ASSERT_EQ(device->FocusShift(-3), QK_OK);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row[11], row[8]}));
     EXPECT_EQ(device->FocusHooks(), (std::vector<int>{row[11], row[8]}));
     EXPECT_EQ(mark.Count("change shift"), 0);
     EXPECT_EQ(mark.Count("exit by retry counter"), 0);
-    EXPECT_EQ(device->guardCalls, 2);
+    EXPECT_EQ(device->guardCalls, 3);
+
+    Settings().SetZoomPosition(60);
+    ASSERT_EQ(device->UpdateZoom(), QK_OK);
+    const std::vector<int32_t> row60 = Row(60);
+    ASSERT_NE(row60, row);
+    Start(row60[20]);
+    ASSERT_EQ(device->FocusShift(2), QK_OK);
+    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row60[22]}));
 }
 
-TEST_F(FocusShiftTest, StuckLensGetsNineWideningAttempts)
+TEST_F(FocusShiftTest, StuckLensGetsNineWideningAttemptsUpToPastTheEnd)
 {
     const std::vector<int32_t> row = Row(0);
-    Start(row[10]);
-    Lens().SetFocusStuck(true);
-    LogMark mark;
-    ASSERT_EQ(device->FocusShift(1), QK_OK);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo),
-              Targets({row[11], row[12], row[13], row[14], row[15], row[16], row[17], row[18], row[19]}));
-    for (int shift = 2; shift <= 10; ++shift) {
-        const std::string line = "Focus shift, change shift: " + std::to_string(shift) + " (" +
-                                 std::to_string(row[static_cast<size_t>(9 + shift)]) + " " +
-                                 std::to_string(row[10]) + ")";
-        EXPECT_EQ(mark.Count(line, "DEB"), 1) << line;
+    const int n = static_cast<int>(row.size());
+    // Row indices; n is the place past the last entry.
+    auto at = [&](int i) { return i == n ? -1 : row[static_cast<size_t>(i)]; };
+    struct Case {
+        int start, shift, first, step, attempts;
+    } cases[] = {
+        {10, 1, 11, 1, 9}, {10, -1, 9, -1, 9}, {n - 1, 1, n, 1, 1}, {n, -1, n - 1, -1, 9},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("start " + std::to_string(c.start) + " shift " + std::to_string(c.shift));
+        Lens().SetFocusStuck(false);
+        Start(at(c.start));
+        Lens().SetFocusStuck(true);
+        LogMark mark;
+        ASSERT_EQ(device->FocusShift(c.shift), QK_OK);
+        std::vector<std::vector<uint32_t>> targets;
+        for (int k = 0; k < c.attempts; ++k) {
+            targets.push_back({static_cast<uint32_t>(at(c.first + k * c.step))});
+            // Each attempt is measured from the start, where the lens stayed.
+            const std::string line = "Focus shift, change shift: " + std::to_string(c.shift * (k + 2)) + " (" +
+                                     std::to_string(at(c.first + k * c.step)) + " " + std::to_string(at(c.start)) +
+                                     ")";
+            EXPECT_EQ(mark.Count(line, "DEB"), c.attempts > 1 ? 1 : 0) << line;
+        }
+        EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), targets);
+        EXPECT_EQ(mark.Count("Focus shift, change shift:"), c.attempts > 1 ? 9 : 0);
+        EXPECT_EQ(mark.Count("FocusShift: exit by retry counter", "DEB"), c.attempts > 1 ? 1 : 0);
+        EXPECT_EQ(FocusNow(), at(c.start));
+        EXPECT_TRUE(device->FocusHooks().empty());
     }
-    EXPECT_EQ(mark.Count("Focus shift, change shift:"), 9);
-    EXPECT_EQ(mark.Count("FocusShift: exit by retry counter", "DEB"), 1);
-    EXPECT_EQ(Focus(*device), row[10]);
-    EXPECT_TRUE(device->FocusHooks().empty());
 
-    // Downwards the same, each attempt measured from the start.
-    camera->ClearRecords();
-    ASSERT_EQ(device->FocusShift(-1), QK_OK);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo),
-              Targets({row[9], row[8], row[7], row[6], row[5], row[4], row[3], row[2], row[1]}));
-}
-
-TEST_F(FocusShiftTest, LastEntryCommandsPastTheEndAndStops)
-{
-    const std::vector<int32_t> row = Row(0);
-    Start(row.back());
-    Lens().SetFocusStuck(true); // whatever the camera says
-    LogMark mark;
-    ASSERT_EQ(device->FocusShift(1), QK_OK);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), std::vector<std::vector<uint32_t>>{{pastLastOnWire}});
-    EXPECT_EQ(mark.Count("change shift"), 0);
-
-    // A lens that does go there, then back one place.
+    // A lens that does go past the end, then back one place.
     Lens().SetFocusStuck(false);
-    camera->ClearRecords();
+    Start(row.back());
     ASSERT_EQ(device->FocusShift(1), QK_OK);
-    EXPECT_EQ(Focus(*device), -1);
+    EXPECT_EQ(FocusNow(), -1);
     ASSERT_EQ(device->FocusShift(-1), QK_OK);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({-1, row.back()}));
-    EXPECT_EQ(Focus(*device), row.back());
-
-    // Stuck past the end: each attempt reaches one place further back.
-    ASSERT_EQ(device->PTPManualFocusSet(-1, nullptr), QK_OK);
-    Lens().SetFocusStuck(true);
-    camera->ClearRecords();
-    ASSERT_EQ(device->FocusShift(-1), QK_OK);
-    const size_t n = row.size();
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo),
-              Targets({row[n - 1], row[n - 2], row[n - 3], row[n - 4], row[n - 5], row[n - 6], row[n - 7],
-                       row[n - 8], row[n - 9]}));
+    EXPECT_EQ(FocusNow(), row.back());
 }
 
 TEST_F(FocusShiftTest, FailingMoveStopsAtOnce)
@@ -255,31 +228,7 @@ TEST_F(FocusShiftTest, FailingMoveStopsAtOnce)
     EXPECT_EQ(mark.Count("PTP_QKM_MoveFocusTo failed", "ERR"), 1);
     EXPECT_EQ(mark.Count("PTPManualFocusSet failed", "ERR"), 1);
     EXPECT_EQ(mark.Count("exit by retry counter"), 0);
-    EXPECT_EQ(Focus(*device), row[10]);
-}
-
-TEST_F(FocusShiftTest, GuardAndZeroShiftSendNothing)
-{
-    Start(Row(0)[10]);
-    device->guardResult = QK_NOT_READY;
-    EXPECT_EQ(device->FocusShift(1), QK_NOT_READY);
-    EXPECT_EQ(device->guardCalls, 1);
-    device->guardResult = QK_OK;
-    EXPECT_EQ(device->FocusShift(0), QK_OK);
-    EXPECT_EQ(device->guardCalls, 1);
-    EXPECT_TRUE(camera->ReceivedCommands().empty());
-}
-
-TEST_F(FocusShiftTest, ShiftUsesTheRowOfTheCurrentZoom)
-{
-    Settings().SetZoomPosition(60);
-    ASSERT_EQ(device->UpdateZoom(), QK_OK);
-    const std::vector<int32_t> row = Row(60);
-    ASSERT_NE(row, Row(0));
-    ASSERT_EQ(device->PTPManualFocusSet(row[20], nullptr), QK_OK);
-    camera->ClearRecords();
-    ASSERT_EQ(device->FocusShift(2), QK_OK);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row[22]}));
+    EXPECT_EQ(FocusNow(), row[10]);
 }
 
 TEST_F(LensTest, ShiftWithoutATableCommandsZeroOnEachAttempt)

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,12 +14,14 @@
 #include "proc/ContProc.h"
 #include "sim/CameraLens.h"
 #include "sim/CameraSettings.h"
+#include "sim/PtpReplies.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace qktest {
 
 using Clock = std::chrono::steady_clock;
+using qksim::WordsReply;
 
 class LensCamera : public DevicePTP {
 public:
@@ -30,7 +33,6 @@ public:
         GetZoom(&zoom);
         std::lock_guard<std::mutex> lock(hooksMutex);
         zoomHooks.push_back(zoom);
-        zoomHookTimes.push_back(Clock::now());
         if (onZoomHook)
             onZoomHook();
     }
@@ -52,11 +54,6 @@ public:
         std::lock_guard<std::mutex> lock(hooksMutex);
         return zoomHooks;
     }
-    std::vector<Clock::time_point> ZoomHookTimes()
-    {
-        std::lock_guard<std::mutex> lock(hooksMutex);
-        return zoomHookTimes;
-    }
     std::vector<int> FocusHooks()
     {
         std::lock_guard<std::mutex> lock(hooksMutex);
@@ -66,13 +63,11 @@ public:
     {
         std::lock_guard<std::mutex> lock(hooksMutex);
         zoomHooks.clear();
-        zoomHookTimes.clear();
         focusHooks.clear();
     }
 
     CameraConfig& Record() { return cameraConfig; }
     bool ZoomFinishedFlag() { return cameraEvents[ZOOM_FINISHED]; }
-    void SetZoomFinishLimit(std::chrono::milliseconds limit) { SetChainTimeLimit(limit); }
 
     std::atomic<int> guardCalls{0};
     std::atomic<QKResult> guardResult{QK_OK};
@@ -82,65 +77,31 @@ public:
 private:
     std::mutex hooksMutex;
     std::vector<int> zoomHooks;
-    std::vector<Clock::time_point> zoomHookTimes;
     std::vector<int> focusHooks;
 };
 
-// One vendor sub-command as the camera received it: the parameters behind it.
-struct LensCall {
-    uint32_t sub;
-    std::vector<uint32_t> args;
-};
-
-inline std::vector<LensCall> LensCalls(const qksim::VirtualCamera& camera)
+// The parameters behind each vendor sub-command `sub` the camera received.
+inline std::vector<std::vector<uint32_t>> ArgsOf(const qksim::VirtualCamera& camera, uint32_t sub)
 {
-    std::vector<LensCall> calls;
+    std::vector<std::vector<uint32_t>> args;
     for (const qksim::PtpCommand& c : camera.ReceivedCommands())
-        if (c.code == PTP_OC_QKM && !c.params.empty())
-            calls.push_back({c.params[0], std::vector<uint32_t>(c.params.begin() + 1, c.params.end())});
-    return calls;
+        if (c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == sub)
+            args.emplace_back(c.params.begin() + 1, c.params.end());
+    return args;
 }
 
 // The sub-commands in the order the camera got them.
 inline std::vector<uint32_t> SubCommands(const qksim::VirtualCamera& camera)
 {
     std::vector<uint32_t> subs;
-    for (const LensCall& call : LensCalls(camera))
-        subs.push_back(call.sub);
+    for (const qksim::PtpCommand& c : camera.ReceivedCommands())
+        if (c.code == PTP_OC_QKM && !c.params.empty())
+            subs.push_back(c.params[0]);
     return subs;
 }
 
-inline std::vector<std::vector<uint32_t>> ArgsOf(const qksim::VirtualCamera& camera, uint32_t sub)
-{
-    std::vector<std::vector<uint32_t>> args;
-    for (const LensCall& call : LensCalls(camera))
-        if (call.sub == sub)
-            args.push_back(call.args);
-    return args;
-}
-
-inline size_t CountOf(const qksim::VirtualCamera& camera, uint32_t sub)
-{
-    return ArgsOf(camera, sub).size();
-}
-
-inline qksim::PtpReply WordsReply(std::vector<int32_t> words)
-{
-    qksim::PtpReply reply;
-    reply.hasData = true;
-    for (int32_t w : words)
-        for (int shift = 0; shift < 32; shift += 8)
-            reply.data.push_back(static_cast<uint8_t>(static_cast<uint32_t>(w) >> shift));
-    return reply;
-}
-
 // Not supported: an answer the transaction does not retry.
-inline qksim::PtpReply Refused()
-{
-    qksim::PtpReply reply;
-    reply.responseCode = 0x2005;
-    return reply;
-}
+inline qksim::PtpReply Refused() { return qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported); }
 
 class LensTest : public VirtualCameraTest {
 protected:
@@ -164,6 +125,18 @@ protected:
 
     // Runs a zoom chain to its end.
     QKResult Zoom(int position) { return ContProc::run(device->PTPSetZoom(position)); }
+    int ZoomNow()
+    {
+        int zoom = -1;
+        EXPECT_EQ(device->GetZoom(&zoom), QK_OK);
+        return zoom;
+    }
+    int FocusNow()
+    {
+        int focus = -12345;
+        EXPECT_EQ(device->GetFocus(&focus), QK_OK);
+        return focus;
+    }
 
     qksim::CameraLens& Lens() { return camera->Lens(); }
     qksim::CameraSettings& Settings() { return camera->Settings(); }

@@ -1,6 +1,7 @@
 // Zoom: the chain from request to hook on the wire, its limits and failures,
 // and taking over a zoom made on the camera.
 
+#include <algorithm>
 #include <atomic>
 
 #include "tests/lens/LensFixture.h"
@@ -11,8 +12,6 @@ using namespace qktest;
 using namespace std::chrono_literals;
 using qksim::PtpCommand;
 using qksim::PtpReply;
-
-constexpr uint32_t eventZoomFinished = 0x08;
 
 // Starts the lens as the camera would, noting when the command arrived.
 void TimeZoomCommands(qksim::VirtualCamera& camera, std::atomic<int64_t>* arrival)
@@ -29,11 +28,13 @@ std::chrono::nanoseconds Since(const std::atomic<int64_t>& arrival, Clock::time_
     return later.time_since_epoch() - std::chrono::nanoseconds(arrival.load());
 }
 
-TEST_F(LensTest, ZoomRunsFromCommandToHookOnce)
+TEST_F(LensTest, ZoomRunsFromCommandToHookOnceWithinTheLens)
 {
     Open("SX160");
     std::atomic<int64_t> arrival{0};
     TimeZoomCommands(*camera, &arrival);
+    Clock::time_point hookAt;
+    device->onZoomHook = [&hookAt] { hookAt = Clock::now(); };
     LogMark mark;
 
     ContProc* proc = device->PTPSetZoom(60);
@@ -41,14 +42,12 @@ TEST_F(LensTest, ZoomRunsFromCommandToHookOnce)
     ASSERT_EQ(ContProc::run(proc), QK_OK);
 
     // A 60-position move is over before the first poll: one event fetch.
-    EXPECT_EQ(SubCommands(*camera), (std::vector<uint32_t>{PTP_QKM_MfOn, PTP_QKM_SetZoom,
-                                                           PTP_QKM_GetEvents, PTP_QKM_MfOff}));
+    const std::vector<uint32_t> chain{PTP_QKM_MfOn, PTP_QKM_SetZoom, PTP_QKM_GetEvents, PTP_QKM_MfOff};
+    EXPECT_EQ(SubCommands(*camera), chain);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom), (std::vector<std::vector<uint32_t>>{{60}}));
     ASSERT_EQ(device->ZoomHooks(), std::vector<int>{60});
-    EXPECT_GE(Since(arrival, device->ZoomHookTimes()[0]), 350ms);
-    int zoom = -1;
-    EXPECT_EQ(device->GetZoom(&zoom), QK_OK);
-    EXPECT_EQ(zoom, 60);
+    EXPECT_GE(Since(arrival, hookAt), 350ms);
+    EXPECT_EQ(ZoomNow(), 60);
     EXPECT_EQ(Lens().ZoomPosition(), 60);
     EXPECT_FALSE(Settings().ManualFocusOn());
 
@@ -63,37 +62,32 @@ TEST_F(LensTest, ZoomRunsFromCommandToHookOnce)
     camera->ClearRecords();
     LogMark again;
     ASSERT_EQ(Zoom(60), QK_OK);
-    EXPECT_EQ(SubCommands(*camera), (std::vector<uint32_t>{PTP_QKM_MfOn, PTP_QKM_SetZoom,
-                                                           PTP_QKM_GetEvents, PTP_QKM_MfOff}));
+    EXPECT_EQ(SubCommands(*camera), chain);
     EXPECT_EQ(again.Count("zoom finished for: 60"), 1);
     EXPECT_EQ(again.Count("zoom changed:"), 0);
-    EXPECT_EQ(device->ZoomHooks(), std::vector<int>{60});
-}
 
-TEST_F(LensTest, ZoomIsLimitedToTheLensAtBothEnds)
-{
-    Open("SX160");
-    LogMark mark;
-    ASSERT_EQ(Zoom(1000), QK_OK);
-    ASSERT_EQ(Zoom(-7), QK_OK);
-    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom), (std::vector<std::vector<uint32_t>>{{125}, {0}}));
-    EXPECT_EQ(mark.Count("Set zoom on camera: 125"), 1);
-    EXPECT_EQ(mark.Count("zoom finished for: 125"), 1);
-    EXPECT_EQ(mark.Count("Set zoom on camera: 0"), 1);
-    EXPECT_EQ(mark.Count("zoom finished for: 0"), 1);
-    EXPECT_EQ(device->ZoomHooks(), (std::vector<int>{125, 0}));
-    int zoom = -1;
-    device->GetZoom(&zoom);
-    EXPECT_EQ(zoom, 0);
-    EXPECT_EQ(device->GetMaximumZoom(&zoom), QK_OK);
-    EXPECT_EQ(zoom, 125);
+    // Asked beyond either end of the lens, the chain goes to that end.
+    camera->SetVendorHandler(PTP_QKM_SetZoom, nullptr);
+    for (int asked : {1000, -7}) {
+        const uint32_t end = asked > 0 ? 125 : 0;
+        LogMark clamped;
+        ASSERT_EQ(Zoom(asked), QK_OK);
+        EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom).back(), std::vector<uint32_t>{end});
+        EXPECT_EQ(clamped.Count("Set zoom on camera: " + std::to_string(end)), 1);
+        EXPECT_EQ(clamped.Count("zoom finished for: " + std::to_string(end)), 1);
+    }
+    EXPECT_EQ(device->ZoomHooks(), (std::vector<int>{60, 125, 0}));
+    EXPECT_EQ(ZoomNow(), 0);
+    int most = -1;
+    EXPECT_EQ(device->GetMaximumZoom(&most), QK_OK);
+    EXPECT_EQ(most, 125);
 }
 
 TEST_F(LensTest, EarlierFinishEventDoesNotEndANewZoom)
 {
     Open("SX160");
     // A finish left in the object's flag from before.
-    Settings().RaiseEvents(eventZoomFinished);
+    Settings().RaiseEvents(qksim::ptp::EVENT_ZOOM_FINISHED);
     ASSERT_EQ(device->PTPLoadEvents(), QK_OK);
     ASSERT_TRUE(device->ZoomFinishedFlag());
 
@@ -102,20 +96,22 @@ TEST_F(LensTest, EarlierFinishEventDoesNotEndANewZoom)
     TimeZoomCommands(*camera, &arrival);
     bool movingAtHook = true;
     int lensAtHook = -1;
+    Clock::time_point hookAt;
     device->onZoomHook = [&] {
+        hookAt = Clock::now();
         movingAtHook = Lens().ZoomMoving();
         lensAtHook = Lens().ZoomPosition();
     };
     ASSERT_EQ(Zoom(80), QK_OK);
 
     ASSERT_EQ(device->ZoomHooks(), std::vector<int>{80});
-    EXPECT_GE(Since(arrival, device->ZoomHookTimes()[0]), 400ms + 250ms);
-    EXPECT_GE(CountOf(*camera, PTP_QKM_GetEvents), 4u);
+    EXPECT_GE(Since(arrival, hookAt), 400ms + 250ms);
+    EXPECT_GE(ArgsOf(*camera, PTP_QKM_GetEvents).size(), 4u);
     EXPECT_FALSE(movingAtHook);
     EXPECT_EQ(lensAtHook, 80);
 }
 
-TEST_F(LensTest, ManualFocusIsHeldOnlyWhereTheModelHasItOff)
+TEST_F(LensTest, ManualFocusIsHeldAndAskedOnlyWhereTheModelHasIt)
 {
     const std::vector<uint32_t> plain{PTP_QKM_SetZoom, PTP_QKM_GetEvents};
     {
@@ -136,6 +132,8 @@ TEST_F(LensTest, ManualFocusIsHeldOnlyWhereTheModelHasItOff)
         Settings().SetFlagWord(0x5);
         ASSERT_EQ(device->LoadCameraFlags(), QK_OK);
         camera->ClearRecords();
+        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
+        EXPECT_TRUE(camera->ReceivedCommands().empty());
         ASSERT_EQ(Zoom(10), QK_OK);
         EXPECT_EQ(SubCommands(*camera), plain);
         TearDown();
@@ -143,6 +141,10 @@ TEST_F(LensTest, ManualFocusIsHeldOnlyWhereTheModelHasItOff)
     {
         SCOPED_TRACE("A1400, a model without the property");
         Open("A1400");
+        LogMark mark;
+        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
+        EXPECT_TRUE(camera->ReceivedCommands().empty());
+        EXPECT_EQ(mark.Since(), "");
         ASSERT_EQ(Zoom(100), QK_OK);
         EXPECT_EQ(SubCommands(*camera), plain);
         EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom), (std::vector<std::vector<uint32_t>>{{63}}));
@@ -150,58 +152,56 @@ TEST_F(LensTest, ManualFocusIsHeldOnlyWhereTheModelHasItOff)
     }
 }
 
-TEST_F(LensTest, RefusedZoomCommandEndsTheChainWithManualFocusLeftOn)
+TEST_F(LensTest, FailedZoomChainLeavesManualFocusOnAndTheNextZoomWorks)
 {
-    Open("SX160");
-    camera->SetVendorHandler(PTP_QKM_SetZoom, [](const PtpCommand&) { return Refused(); });
-    LogMark mark;
-    EXPECT_EQ(Zoom(50), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_SetZoom failed", "ERR"), 1);
-    EXPECT_EQ(SubCommands(*camera), (std::vector<uint32_t>{PTP_QKM_MfOn, PTP_QKM_SetZoom}));
-    EXPECT_TRUE(Settings().ManualFocusOn());
-    EXPECT_TRUE(device->ZoomHooks().empty());
-    int zoom = -1;
-    device->GetZoom(&zoom);
-    EXPECT_EQ(zoom, 0);
-}
+    struct Case {
+        const char* what;
+        uint32_t sub;
+        PtpReply reply;
+        std::vector<std::pair<std::string, std::string>> lines; // text, type
+        size_t leastFetches, mostFetches;
+        std::chrono::milliseconds leastTime;
+        int32_t lensAfter; // the lens may have moved
+    } cases[] = {
+        {"refused zoom command", PTP_QKM_SetZoom, Refused(), {{"PTP_QKM_SetZoom failed", "ERR"}}, 0, 0, 0ms, 0},
+        {"failed event fetch", PTP_QKM_GetEvents, Refused(),
+         {{"PTP_QKM_GetEvents failed", ""}, {"PTPLoadEvents() failed", "ERR"}}, 1, 1, 0ms, 50},
+        {"finish never reported", PTP_QKM_SetZoom, PtpReply{},
+         {{"zoom to 50 not finished within 300 ms", "ERR"}, {"PTPLoadEvents() failed", "ERR"}}, 3, 1000, 300ms, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Open("SX160");
+        const PtpReply reply = c.reply;
+        camera->SetVendorHandler(c.sub, [reply](const PtpCommand&) { return reply; });
+        device->SetChainTimeLimit(300ms);
+        LogMark mark;
+        const Clock::time_point start = Clock::now();
+        EXPECT_EQ(Zoom(50), QK_ERROR);
+        EXPECT_GE(Clock::now() - start, c.leastTime);
+        for (const auto& line : c.lines)
+            EXPECT_EQ(mark.Count(line.first, line.second), 1) << line.first;
+        EXPECT_EQ(mark.Count("zoom finished"), 0);
+        // Nothing but event fetches after the command: manual focus is not switched back.
+        const std::vector<uint32_t> subs = SubCommands(*camera);
+        ASSERT_GE(subs.size(), 2u);
+        EXPECT_EQ(subs[0], PTP_QKM_MfOn);
+        EXPECT_EQ(subs[1], PTP_QKM_SetZoom);
+        const size_t fetches = static_cast<size_t>(std::count(subs.begin() + 2, subs.end(), PTP_QKM_GetEvents));
+        EXPECT_EQ(fetches, subs.size() - 2);
+        EXPECT_GE(fetches, c.leastFetches);
+        EXPECT_LE(fetches, c.mostFetches);
+        EXPECT_TRUE(Settings().ManualFocusOn());
+        EXPECT_TRUE(device->ZoomHooks().empty());
+        EXPECT_EQ(ZoomNow(), 0);
+        EXPECT_EQ(Lens().ZoomPosition(), c.lensAfter);
 
-TEST_F(LensTest, FailedEventFetchEndsTheChainAndTheLensMayHaveMoved)
-{
-    Open("SX160");
-    camera->SetVendorHandler(PTP_QKM_GetEvents, [](const PtpCommand&) { return Refused(); });
-    LogMark mark;
-    EXPECT_EQ(Zoom(50), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_GetEvents failed"), 1);
-    EXPECT_EQ(mark.Count("PTPLoadEvents() failed", "ERR"), 1);
-    EXPECT_EQ(mark.Count("zoom finished"), 0);
-    EXPECT_EQ(CountOf(*camera, PTP_QKM_MfOff), 0u);
-    EXPECT_TRUE(device->ZoomHooks().empty());
-    int zoom = -1;
-    device->GetZoom(&zoom);
-    EXPECT_EQ(zoom, 0);
-    EXPECT_EQ(Lens().ZoomPosition(), 50);
-}
-
-TEST_F(LensTest, FinishNeverReportedEndsAfterTheLimitAndTheNextZoomWorks)
-{
-    Open("SX160");
-    // The camera takes the command but the lens never moves.
-    camera->SetVendorHandler(PTP_QKM_SetZoom, [](const PtpCommand&) { return PtpReply{}; });
-    device->SetZoomFinishLimit(300ms);
-    LogMark mark;
-    const Clock::time_point start = Clock::now();
-    EXPECT_EQ(Zoom(50), QK_ERROR);
-    EXPECT_GE(Clock::now() - start, 300ms);
-    EXPECT_GE(CountOf(*camera, PTP_QKM_GetEvents), 3u);
-    EXPECT_EQ(mark.Count("zoom to 50 not finished within 300 ms", "ERR"), 1);
-    EXPECT_EQ(mark.Count("PTPLoadEvents() failed", "ERR"), 1);
-    EXPECT_TRUE(device->ZoomHooks().empty());
-    EXPECT_TRUE(Settings().ManualFocusOn());
-
-    camera->SetVendorHandler(PTP_QKM_SetZoom, nullptr);
-    EXPECT_EQ(Zoom(50), QK_OK);
-    EXPECT_EQ(device->ZoomHooks(), std::vector<int>{50});
-    EXPECT_FALSE(Settings().ManualFocusOn());
+        camera->SetVendorHandler(c.sub, nullptr);
+        EXPECT_EQ(Zoom(50), QK_OK);
+        EXPECT_EQ(device->ZoomHooks(), std::vector<int>{50});
+        EXPECT_FALSE(Settings().ManualFocusOn());
+        TearDown();
+    }
 }
 
 TEST_F(LensTest, UpdateZoomTakesOverTheCameraAndAnnouncesOnce)
@@ -215,9 +215,19 @@ TEST_F(LensTest, UpdateZoomTakesOverTheCameraAndAnnouncesOnce)
     LogMark unchanged;
     EXPECT_EQ(device->UpdateZoom(), QK_OK);
     EXPECT_EQ(unchanged.Count("zoom"), 0);
-    EXPECT_EQ(CountOf(*camera, PTP_QKM_GetZoom), 1u);
+    EXPECT_EQ(ArgsOf(*camera, PTP_QKM_GetZoom).size(), 1u);
 
     Settings().SetZoomPosition(40); // turned on the camera
+    // A failed read changes nothing.
+    camera->SetVendorHandler(PTP_QKM_GetZoom, [](const PtpCommand&) { return WordsReply({}); });
+    LogMark failed;
+    EXPECT_EQ(device->UpdateZoom(), QK_ERROR);
+    EXPECT_EQ(failed.Count("PTP_QKM_GetZoom failed", "ERR"), 1);
+    EXPECT_EQ(failed.Count("Get zoom failed", "ERR"), 1);
+    EXPECT_EQ(ZoomNow(), 0);
+    EXPECT_EQ(device->ZoomHooks(), std::vector<int>{0});
+
+    camera->SetVendorHandler(PTP_QKM_GetZoom, nullptr);
     LogMark mark;
     EXPECT_EQ(device->UpdateZoom(), QK_OK);
     EXPECT_EQ(device->UpdateZoom(), QK_OK);
@@ -229,21 +239,6 @@ TEST_F(LensTest, UpdateZoomTakesOverTheCameraAndAnnouncesOnce)
     Settings().SetZoomPosition(999);
     EXPECT_EQ(device->UpdateZoom(), QK_OK);
     EXPECT_EQ(device->ZoomHooks(), (std::vector<int>{0, 40, 125}));
-}
-
-TEST_F(LensTest, UpdateZoomWithAFailedReadChangesNothing)
-{
-    Open("SX160");
-    Settings().SetZoomPosition(40);
-    camera->SetVendorHandler(PTP_QKM_GetZoom, [](const PtpCommand&) { return WordsReply({}); });
-    LogMark mark;
-    EXPECT_EQ(device->UpdateZoom(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_GetZoom failed", "ERR"), 1);
-    EXPECT_EQ(mark.Count("Get zoom failed", "ERR"), 1);
-    int zoom = -1;
-    device->GetZoom(&zoom);
-    EXPECT_EQ(zoom, 0);
-    EXPECT_TRUE(device->ZoomHooks().empty());
 }
 
 } // namespace

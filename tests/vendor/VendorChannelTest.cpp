@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "sim/PtpReplies.h"
 #include "tests/property/PropertyFixture.h"
 
 namespace {
@@ -14,19 +15,12 @@ using qksim::PtpReply;
 class VendorChannelTest : public PropertyTest {
 protected:
     void SetUp() override { Open("SX160"); }
-    void Refuse(uint32_t sub)
+    void Answer(uint32_t sub, PtpReply reply)
     {
-        PtpReply refused;
-        refused.responseCode = 0x2005;
-        camera->SetVendorHandler(sub, [refused](const PtpCommand&) { return refused; });
-    }
-    void Reply(uint32_t sub, std::vector<uint8_t> data)
-    {
-        PtpReply reply;
-        reply.hasData = true;
-        reply.data = std::move(data);
         camera->SetVendorHandler(sub, [reply](const PtpCommand&) { return reply; });
     }
+    void Refuse(uint32_t sub) { Answer(sub, qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported)); }
+    void Reply(uint32_t sub, std::vector<uint8_t> data) { Answer(sub, qksim::DataReply(std::move(data))); }
 };
 
 TEST_F(VendorChannelTest, WordsAreSignedAndBoundedByTheReply)
@@ -57,11 +51,8 @@ TEST_F(VendorChannelTest, OpenSessionStartsTheIdsAgain)
     EXPECT_EQ(sent[2].transId, 0u);
     EXPECT_EQ(sent[3].transId, 1u);
 
-    camera->SetOperationHandler(0x1002, [](const PtpCommand&) {
-        PtpReply r;
-        r.responseCode = 0x201E; // session already open
-        return r;
-    });
+    // Session already open.
+    camera->SetOperationHandler(0x1002, [](const PtpCommand&) { return qksim::RefusalReply(0x201E); });
     LogMark mark;
     EXPECT_EQ(device->PTPOpenSession(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_OC_OpenSession failed"), 1);
@@ -141,10 +132,8 @@ TEST_F(VendorChannelTest, VersionComparison)
     Settings().SetModuleVersion("7.7.7.7");
     EXPECT_EQ(device->QKMLoadVersion(nullptr), QK_OK);
     EXPECT_EQ(device->ModuleVersion(), L"7.7.7.7");
-}
 
-TEST_F(VendorChannelTest, VersionWithoutItsZeroStaysInsideTheReply)
-{
+    // A version without its closing zero stays inside the reply.
     Reply(PTP_QKM_GetQKmVersion, {'1', '.', '2'});
     EXPECT_EQ(device->QKMLoadVersion("1.1"), QK_OK);
     EXPECT_EQ(device->ModuleVersion(), L"1.2");
