@@ -34,59 +34,47 @@ std::vector<uint8_t> Take(BulkInQueue& queue, uint32_t length, int* status = nul
     return buffer;
 }
 
-std::vector<size_t> PacketSizes(BulkInQueue& queue)
+TEST(BulkInCutting, PacketsCutFromContainersAndRawBytes)
 {
-    std::vector<size_t> sizes;
-    while (!queue.Empty())
-        sizes.push_back(Take(queue, 512).size());
-    return sizes;
+    struct Queued {
+        bool container;
+        size_t size;
+    };
+    struct Case {
+        std::vector<uint32_t> packetSizes;
+        std::vector<Queued> queued;
+        std::vector<size_t> packets;
+    };
+    const Case cases[] = {
+        {{}, {{true, 1100}}, {512, 512, 76}},
+        // A multiple of 512 is followed by a zero-length packet.
+        {{}, {{true, 1024}}, {512, 512, 0}},
+        {{}, {{false, 512}}, {512, 0}},
+        {{}, {{false, 0}}, {0}},
+        // Each size is used once, then 512; the container's end cuts one short.
+        {{12, 100}, {{true, 52}, {true, 600}}, {12, 40, 512, 88}},
+        // A zero size puts a zero-length packet mid-container.
+        {{10, 0, 10}, {{true, 30}}, {10, 0, 10, 10}},
+        // Raw bytes ignore the sizes.
+        {{5}, {{false, 20}, {true, 20}}, {20, 5, 15}},
+    };
+    for (const Case& c : cases) {
+        BulkInQueue queue;
+        queue.SetPacketSizes(c.packetSizes);
+        for (const Queued& q : c.queued) {
+            if (q.container)
+                queue.QueueContainer(Bytes(q.size));
+            else
+                queue.QueueRaw(Bytes(q.size));
+        }
+        std::vector<size_t> sizes;
+        while (!queue.Empty())
+            sizes.push_back(Take(queue, 512).size());
+        EXPECT_EQ(sizes, c.packets) << "case " << (&c - cases);
+    }
 }
 
-TEST(BulkInCutting, ContainerGoesOutIn512BytePacketsWithShortLast)
-{
-    BulkInQueue queue;
-    queue.QueueContainer(Bytes(1100));
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{512, 512, 76}));
-}
-
-TEST(BulkInCutting, MultipleOf512IsFollowedByZeroLengthPacket)
-{
-    BulkInQueue queue;
-    queue.QueueContainer(Bytes(1024));
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{512, 512, 0}));
-    queue.QueueRaw(Bytes(512));
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{512, 0}));
-    queue.QueueRaw({});
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{0}));
-}
-
-TEST(BulkInCutting, PacketSizesAreUsedOnceEachThenDefault)
-{
-    BulkInQueue queue;
-    queue.SetPacketSizes({12, 100});
-    queue.QueueContainer(Bytes(52));  // 12 + 40: second size is cut by the container's end
-    queue.QueueContainer(Bytes(600)); // sizes used up
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{12, 40, 512, 88}));
-}
-
-TEST(BulkInCutting, ZeroSizeInsertsZeroLengthPacketMidContainer)
-{
-    BulkInQueue queue;
-    queue.SetPacketSizes({10, 0, 10});
-    queue.QueueContainer(Bytes(30));
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{10, 0, 10, 10}));
-}
-
-TEST(BulkInCutting, RawBytesIgnorePacketSizes)
-{
-    BulkInQueue queue;
-    queue.SetPacketSizes({5});
-    queue.QueueRaw(Bytes(20));
-    queue.QueueContainer(Bytes(20));
-    EXPECT_EQ(PacketSizes(queue), (std::vector<size_t>{20, 5, 15}));
-}
-
-TEST(BulkInTransfer, ShortPacketEndsTransferAndKeepsTheRest)
+TEST(BulkInTransfer, ShortPacketOrOverflowEndsTransferAndKeepsTheRest)
 {
     BulkInQueue queue;
     queue.QueuePackets({Bytes(512), Bytes(30), Bytes(7)});
@@ -96,30 +84,31 @@ TEST(BulkInTransfer, ShortPacketEndsTransferAndKeepsTheRest)
     EXPECT_EQ(status, 0);
     EXPECT_EQ(got[512], 1);
     EXPECT_EQ(Take(queue, 4096).size(), 7u);
-}
 
-TEST(BulkInTransfer, FullBufferEndsTransferBeforeZeroLengthPacket)
-{
-    BulkInQueue queue;
-    queue.QueueContainer(Bytes(1024));
-    EXPECT_EQ(Take(queue, 1024).size(), 1024u);
-    EXPECT_EQ(queue.PacketCount(), 1u);
-    bool finished = false;
-    EXPECT_TRUE(Take(queue, 512, nullptr, &finished).empty());
-    EXPECT_TRUE(finished);
-    EXPECT_TRUE(queue.Empty());
-}
-
-TEST(BulkInTransfer, PacketBiggerThanRoomOverflows)
-{
-    BulkInQueue queue;
     queue.QueuePackets({Bytes(100), Bytes(3)});
-    int status = 0;
-    std::vector<uint8_t> got = Take(queue, 12, &status);
+    got = Take(queue, 12, &status);
     EXPECT_EQ(status, -EOVERFLOW);
     EXPECT_EQ(got, std::vector<uint8_t>(Bytes(12)));
     // The rest of the babbling packet is lost.
     EXPECT_EQ(Take(queue, 512).size(), 3u);
+}
+
+TEST(BulkInTransfer, FullOrEmptyBufferEndsTransferWithoutTakingMore)
+{
+    BulkInQueue queue;
+    queue.QueueContainer(Bytes(1024));
+    EXPECT_EQ(Take(queue, 1024).size(), 1024u);
+    EXPECT_EQ(queue.PacketCount(), 1u); // the zero-length packet waits
+    bool finished = false;
+    EXPECT_TRUE(Take(queue, 512, nullptr, &finished).empty());
+    EXPECT_TRUE(finished);
+    EXPECT_TRUE(queue.Empty());
+
+    queue.QueuePackets({Bytes(4)});
+    finished = false;
+    EXPECT_TRUE(Take(queue, 0, nullptr, &finished).empty());
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(queue.PacketCount(), 1u);
 }
 
 TEST(BulkInTransfer, WaitsWhileFullPacketsLeaveRoom)
@@ -135,16 +124,6 @@ TEST(BulkInTransfer, WaitsWhileFullPacketsLeaveRoom)
     queue.QueuePackets({Bytes(4)});
     EXPECT_TRUE(queue.Fill(transfer));
     EXPECT_EQ(transfer.filled, 516u);
-}
-
-TEST(BulkInTransfer, EmptyTransferFinishesWithoutTakingAPacket)
-{
-    BulkInQueue queue;
-    queue.QueuePackets({Bytes(4)});
-    bool finished = false;
-    EXPECT_TRUE(Take(queue, 0, nullptr, &finished).empty());
-    EXPECT_TRUE(finished);
-    EXPECT_EQ(queue.PacketCount(), 1u);
 }
 
 } // namespace

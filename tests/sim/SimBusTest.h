@@ -2,6 +2,7 @@
 // Fixture for talking to virtual cameras through plain libusb calls, as any
 // host program would.
 
+#include "sim/PtpContainer.h"
 #include "sim/VirtualBus.h"
 
 #include <gtest/gtest.h>
@@ -18,32 +19,14 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr unsigned kTimeoutMs = 2000;
 
-inline void Put32(Bytes& out, uint32_t value)
-{
-    for (int shift = 0; shift < 32; shift += 8)
-        out.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-inline uint32_t Get32(const Bytes& in, size_t at)
-{
-    return static_cast<uint32_t>(in.at(at)) | (static_cast<uint32_t>(in.at(at + 1)) << 8) |
-           (static_cast<uint32_t>(in.at(at + 2)) << 16) | (static_cast<uint32_t>(in.at(at + 3)) << 24);
-}
-
-inline uint16_t Get16(const Bytes& in, size_t at)
-{
-    return static_cast<uint16_t>(in.at(at) | (in.at(at + 1) << 8));
-}
+// Little-endian fields, bounds-checked so that a short reply fails the test
+// instead of reading past it.
+inline uint32_t Get32(const Bytes& in, size_t at) { return qksim::GetLe32(&in.at(at + 3) - 3); }
+inline uint16_t Get16(const Bytes& in, size_t at) { return qksim::GetLe16(&in.at(at + 1) - 1); }
 
 inline Bytes Command(uint16_t code, uint32_t transId, const std::vector<uint32_t>& params)
 {
-    Bytes out;
-    Put32(out, static_cast<uint32_t>(12 + 4 * params.size()));
-    out.insert(out.end(), {1, 0, static_cast<uint8_t>(code), static_cast<uint8_t>(code >> 8)});
-    Put32(out, transId);
-    for (uint32_t p : params)
-        Put32(out, p);
-    return out;
+    return qksim::MakeParamContainer(qksim::ptp::kCommand, code, transId, params);
 }
 
 class SimBusTest : public ::testing::Test {
@@ -52,10 +35,8 @@ protected:
     {
         for (libusb_device_handle* handle : handles)
             libusb_close(handle);
-        handles.clear();
         if (context)
             libusb_exit(context);
-        context = nullptr;
         qksim::VirtualBus::Instance().RemoveAll();
     }
 
@@ -100,29 +81,17 @@ protected:
     {
         libusb_device* device = Find(camera);
         EXPECT_NE(device, nullptr);
-        if (!device)
-            return nullptr;
         libusb_device_handle* handle = nullptr;
-        EXPECT_EQ(libusb_open(device, &handle), 0);
-        libusb_unref_device(device);
-        if (!handle)
-            return nullptr;
-        handles.push_back(handle);
-        if (claim) {
+        if (device) {
+            EXPECT_EQ(libusb_open(device, &handle), 0);
+            libusb_unref_device(device);
+        }
+        if (handle)
+            handles.push_back(handle);
+        if (handle && claim) {
             EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
         }
         return handle;
-    }
-
-    void Close(libusb_device_handle* handle)
-    {
-        for (auto it = handles.begin(); it != handles.end(); ++it) {
-            if (*it == handle) {
-                handles.erase(it);
-                break;
-            }
-        }
-        libusb_close(handle);
     }
 
     static int Send(libusb_device_handle* handle, Bytes bytes, unsigned timeoutMs = kTimeoutMs)
@@ -154,6 +123,21 @@ protected:
 
     libusb_context* context = nullptr;
     std::vector<libusb_device_handle*> handles;
+};
+
+// One SX160 "QKS0001", opened and claimed before each test.
+class SimOpenCamera : public SimBusTest {
+protected:
+    void SetUp() override
+    {
+        camera = Add("SX160", "QKS0001");
+        ASSERT_TRUE(camera);
+        handle = Open(*camera);
+        ASSERT_NE(handle, nullptr);
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+    libusb_device_handle* handle = nullptr;
 };
 
 } // namespace simtest

@@ -4,46 +4,57 @@
 
 #include "DevicePTP/PtpCodes.h"
 #include "tests/common/ChildProcess.h"
-#include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
-using ProgramRun = qktest::ChildRun;
+using qktest::RunChild;
 
-ProgramRun RunProgram(const std::vector<std::string>& argv, bool alone = false)
-{
-    return qktest::RunChild(argv, alone);
-}
-
-class ToolTest : public qktest::VirtualCameraTest {};
+class ToolTest : public qktest::VirtualCameraTest {
+protected:
+    std::shared_ptr<qksim::VirtualCamera> At(int address, const std::string& model, const std::string& serial,
+                                             const std::string& product = "")
+    {
+        qksim::CameraSetup setup;
+        setup.model = model;
+        setup.serial = serial;
+        setup.product = product;
+        setup.address = address;
+        auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
+        EXPECT_TRUE(camera);
+        return camera;
+    }
+};
 
 TEST_F(ToolTest, NoCameraGivesMessageAndStatus255)
 {
     qksim::VirtualBus::Instance().AddOtherDevice(0x1d6b, 0x0104, "Not a camera");
-    ProgramRun run = RunProgram({QK_TOOL_PATH});
+    qktest::ChildRun run = RunChild({QK_TOOL_PATH});
     EXPECT_EQ(run.status, 255);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "camera not found\n");
 }
 
+// Unknown products, unreadable serials and cameras that cannot be opened
+// still get their line.
 TEST_F(ToolTest, OneLinePerCameraInPathOrder)
 {
-    qksim::CameraSetup first;
-    first.model = "SX160";
-    first.serial = "QKS0001";
-    first.address = 9;
-    qksim::CameraSetup second;
-    second.model = "A1400";
-    second.serial = "QKS0002";
-    second.address = 10;
-    auto a = qksim::VirtualBus::Instance().AddCamera(first);
-    auto b = qksim::VirtualBus::Instance().AddCamera(second);
+    auto a = At(9, "SX160", "QKS0001");
+    auto b = At(10, "A1400", "QKS0002");
+    At(4, "SX160", "QKS0003", "Virtual Camera Z99");
+    At(5, "G15", "QKS0004")->SetVendorHandler(PTP_QKM_GetSerialNumber, [](const qksim::PtpCommand&) {
+        qksim::PtpReply refused;
+        refused.responseCode = 0x2005;
+        return refused;
+    });
+    auto busy = At(6, "SX170", "QKS0005");
+    busy->FailClaim(true);
 
-    ProgramRun run = RunProgram({QK_TOOL_PATH});
+    qktest::ChildRun run = RunChild({QK_TOOL_PATH});
     EXPECT_EQ(run.status, 0);
-    // "...:1:10" sorts before "...:1:9": the order is that of the path strings.
-    EXPECT_EQ(run.out, "QKS0002 ; QK Virtual Camera A1400\nQKS0001 ; QK Virtual Camera SX160\n");
+    // "...:1:10" sorts before "...:1:4": the order is that of the path strings.
+    EXPECT_EQ(run.out, "QKS0002 ; QK Virtual Camera A1400\nQKS0003 ; Virtual Camera Z99\n ; QK Virtual Camera G15\n"
+                       " ; \nQKS0001 ; QK Virtual Camera SX160\n");
     EXPECT_EQ(run.err, "");
     // Each camera was asked once, and the first transaction of a fresh object has id 0.
     for (const auto& camera : {a, b}) {
@@ -52,47 +63,17 @@ TEST_F(ToolTest, OneLinePerCameraInPathOrder)
         EXPECT_EQ(sent[0].transId, 0u);
         EXPECT_EQ(sent[0].params, std::vector<uint32_t>{PTP_QKM_GetSerialNumber});
     }
-}
-
-TEST_F(ToolTest, UnknownProductAndUnreadableSerialStillPrintTheirLines)
-{
-    qksim::CameraSetup unknown;
-    unknown.serial = "QKS0003";
-    unknown.product = "Virtual Camera Z99";
-    unknown.address = 4;
-    qksim::CameraSetup mute;
-    mute.model = "G15";
-    mute.serial = "QKS0004";
-    mute.address = 5;
-    qksim::VirtualBus::Instance().AddCamera(unknown);
-    auto silent = qksim::VirtualBus::Instance().AddCamera(mute);
-    qksim::PtpReply refused;
-    refused.responseCode = 0x2005;
-    silent->SetVendorHandler(PTP_QKM_GetSerialNumber, [refused](const qksim::PtpCommand&) { return refused; });
-
-    ProgramRun run = RunProgram({QK_TOOL_PATH});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "QKS0003 ; Virtual Camera Z99\n ; QK Virtual Camera G15\n");
-}
-
-TEST_F(ToolTest, CameraThatCannotBeOpenedStillShows)
-{
-    auto camera = AddCamera("SX170", "QKS0005");
-    camera->FailClaim(true);
-    ProgramRun run = RunProgram({QK_TOOL_PATH});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, " ; \n");
-    EXPECT_TRUE(camera->ReceivedCommands().empty());
+    EXPECT_TRUE(busy->ReceivedCommands().empty());
 }
 
 TEST(ToolThroughLauncher, ListsTheLaunchersCameras)
 {
-    ProgramRun run = RunProgram({QK_LAUNCHER_PATH, "--camera", "SX160:QKS0001", "--camera", "A1400:QKS0002",
-                          "--", QK_TOOL_PATH}, true);
+    qktest::ChildRun run = RunChild({QK_LAUNCHER_PATH, "--camera", "SX160:QKS0001", "--camera", "A1400:QKS0002",
+                                     "--", QK_TOOL_PATH}, true);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, "QKS0001 ; QK Virtual Camera SX160\nQKS0002 ; QK Virtual Camera A1400\n");
 
-    run = RunProgram({QK_LAUNCHER_PATH, "--", QK_TOOL_PATH}, true);
+    run = RunChild({QK_LAUNCHER_PATH, "--", QK_TOOL_PATH}, true);
     EXPECT_EQ(run.status, 255);
     EXPECT_EQ(run.err, "camera not found\n");
 }

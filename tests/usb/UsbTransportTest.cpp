@@ -2,6 +2,8 @@
 // write rules seen as USB transfers.
 
 #include <cstring>
+#include <iterator>
+#include <numeric>
 
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
@@ -10,28 +12,50 @@ namespace {
 
 using qktest::LogMark;
 using qktest::Pattern;
+using Bytes = std::vector<uint8_t>;
 
 class UsbTransportTest : public qktest::VirtualCameraTest {
 protected:
+    void TearDown() override
+    {
+        for (void* handle : opened)
+            usb->CloseDevice(handle);
+        VirtualCameraTest::TearDown();
+    }
+
+    // Opened through the transport, with clean records; closed by the fixture.
     void* Open(const std::shared_ptr<qksim::VirtualCamera>& camera)
     {
         void* handle = Transport()->OpenDevice(camera->Path());
         EXPECT_NE(handle, nullptr);
+        if (handle)
+            opened.push_back(handle);
         camera->ClearRecords();
         return handle;
     }
 
-    bool Read(void* handle, std::vector<uint8_t>& out, size_t size)
+    // One per case of a table, all on the bus before the transport starts.
+    std::vector<std::shared_ptr<qksim::VirtualCamera>> Cameras(size_t count)
+    {
+        std::vector<std::shared_ptr<qksim::VirtualCamera>> cameras;
+        for (size_t i = 0; i < count; ++i)
+            cameras.push_back(AddCamera("SX160", "S" + std::to_string(i)));
+        return cameras;
+    }
+
+    bool Read(void* handle, Bytes& out, size_t size)
     {
         out.assign(size, 0);
         DataLen buffer(out.data(), static_cast<unsigned int>(size));
         return usb->Read(&buffer, handle);
     }
 
-    static std::vector<uint8_t> Slice(const std::vector<uint8_t>& bytes, size_t from, size_t size)
+    static Bytes Slice(const Bytes& bytes, size_t from, size_t size)
     {
-        return std::vector<uint8_t>(bytes.begin() + from, bytes.begin() + from + size);
+        return Bytes(bytes.begin() + from, bytes.begin() + from + size);
     }
+
+    std::vector<void*> opened;
 };
 
 TEST_F(UsbTransportTest, EnumerationListsOnlyCamerasSortedByPath)
@@ -55,155 +79,114 @@ TEST_F(UsbTransportTest, EmptyBusGivesEmptySetWithoutMessage)
     EXPECT_EQ(mark.Count("error"), 0);
 }
 
-TEST_F(UsbTransportTest, OpenReadsProductStringAndUnknownPathFailsSilently)
+TEST_F(UsbTransportTest, OpenReadsProductStringAndFailsOnUnknownPathSilentlyOrOnClaimLoudly)
 {
     auto camera = AddCamera("SX160", "S1", "Virtual SX160 HS");
+    auto busy = AddCamera("SX160", "S2");
+    busy->FailClaim(true);
     LogMark mark;
     EXPECT_EQ(Transport()->OpenDevice(L"1193:12353:9:99"), nullptr);
     EXPECT_EQ(mark.Since(), "");
+    EXPECT_EQ(usb->OpenDevice(busy->Path()), nullptr);
+    EXPECT_EQ(mark.Count("libusb_claim_interface error: -6"), 1);
 
     void* handle = usb->OpenDevice(camera->Path());
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(usb->GetDeviceName(handle), L"Virtual SX160 HS");
     usb->CloseDevice(handle);
     // Closing released the interface: the device can be claimed again.
-    handle = usb->OpenDevice(camera->Path());
-    ASSERT_NE(handle, nullptr);
-    usb->CloseDevice(handle);
+    Open(camera);
 }
 
-TEST_F(UsbTransportTest, FailedClaimIsLoggedAndGivesNoHandle)
+// Reads take the bytes in order, whatever the packets were; small reads keep
+// the rest of a whole-packet transfer as residue, large ones go in 1 MiB pieces.
+TEST_F(UsbTransportTest, ReadsSplitAndJoinPacketsIntoTransfers)
 {
-    auto camera = AddCamera("SX160", "S1");
-    camera->FailClaim(true);
-    LogMark mark;
-    EXPECT_EQ(Transport()->OpenDevice(camera->Path()), nullptr);
-    EXPECT_EQ(mark.Count("libusb_claim_interface error: -6"), 1);
+    const size_t large = 2 * 0x100000 + 100;
+    const struct {
+        const char* name;
+        std::vector<size_t> packets;
+        bool raw; // the bytes queued as they are, not as these packets
+        std::vector<size_t> reads;
+        std::vector<uint32_t> inRequests;
+    } cases[] = {
+        {"residue serves small reads", {512}, false, {12, 300, 200}, {512}},
+        {"beyond residue fetches a whole packet", {512, 100}, false, {12, 600}, {512, 512}},
+        {"short and zero-length packets don't end a small read", {3, 0, 5}, false, {8}, {512, 512, 512}},
+        {"large read", {large}, true, {large}, {0x100000, 0x100000, 100}},
+    };
+    auto cameras = Cameras(std::size(cases));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto camera = cameras[static_cast<size_t>(&c - cases)];
+        void* handle = Open(camera);
+        const Bytes stream = Pattern(std::accumulate(c.packets.begin(), c.packets.end(), size_t{0}), 3);
+        std::vector<Bytes> packets;
+        size_t at = 0;
+        for (size_t size : c.packets) {
+            packets.push_back(Slice(stream, at, size));
+            at += size;
+        }
+        c.raw ? camera->QueueRawIn(stream) : camera->QueueRawPackets(packets);
+        at = 0;
+        for (size_t size : c.reads) {
+            Bytes got;
+            ASSERT_TRUE(Read(handle, got, size));
+            EXPECT_TRUE(got == Slice(stream, at, size)) << "read of " << size << " at " << at;
+            at += size;
+        }
+        EXPECT_EQ(camera->Traffic().inRequests, c.inRequests);
+    }
 }
 
-TEST_F(UsbTransportTest, SmallReadKeepsTheRestOfThePacketAsResidue)
+// A small read clears the halt after each stall and tries five times in all;
+// a large read that gets no data at all gives up at once.
+TEST_F(UsbTransportTest, StalledReadsRetryOrFailWithTheirLogLine)
 {
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    std::vector<uint8_t> packet = Pattern(512, 3);
-    camera->QueueRawPackets({packet});
-
-    std::vector<uint8_t> got;
-    ASSERT_TRUE(Read(handle, got, 12));
-    EXPECT_EQ(got, Slice(packet, 0, 12));
-    ASSERT_TRUE(Read(handle, got, 300));
-    EXPECT_EQ(got, Slice(packet, 12, 300));
-    ASSERT_TRUE(Read(handle, got, 200));
-    EXPECT_EQ(got, Slice(packet, 312, 200));
-    // One transfer served all three reads, and it asked for a whole packet.
-    EXPECT_EQ(camera->Traffic().inRequests, std::vector<uint32_t>{512});
-    usb->CloseDevice(handle);
+    const struct {
+        int stalls;
+        size_t size;
+        bool ok;
+        size_t inRequests;
+        int clearHalts;
+        const char* log;
+    } cases[] = {
+        {5, 12, false, 5, 5, "Usb read to buffer failed: -9"},
+        {4, 20, true, 5, 4, nullptr},
+        {1, 4096, false, 1, 0, "libusb_bulk_transfer: size == 0"},
+    };
+    auto cameras = Cameras(std::size(cases));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.stalls);
+        auto camera = cameras[static_cast<size_t>(&c - cases)];
+        void* handle = Open(camera);
+        camera->StallNext(0x81, c.stalls);
+        const Bytes packet = Pattern(20, 5);
+        camera->QueueRawPackets({packet});
+        LogMark mark;
+        Bytes got;
+        EXPECT_EQ(Read(handle, got, c.size), c.ok);
+        if (c.ok) {
+            EXPECT_EQ(got, packet);
+            EXPECT_EQ(mark.Since(), "");
+        } else {
+            EXPECT_EQ(mark.Count(c.log), 1);
+        }
+        EXPECT_EQ(camera->Traffic().inRequests.size(), c.inRequests);
+        EXPECT_EQ(camera->Traffic().clearHalts, c.clearHalts);
+    }
 }
 
-TEST_F(UsbTransportTest, ReadBeyondResidueFetchesAnotherWholePacket)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    std::vector<uint8_t> first = Pattern(512, 1), second = Pattern(100, 77);
-    camera->QueueRawPackets({first, second});
-
-    std::vector<uint8_t> got;
-    ASSERT_TRUE(Read(handle, got, 12));
-    ASSERT_TRUE(Read(handle, got, 600));
-    std::vector<uint8_t> expected = Slice(first, 12, 500);
-    expected.insert(expected.end(), second.begin(), second.end());
-    EXPECT_EQ(got, expected);
-    EXPECT_EQ(camera->Traffic().inRequests, (std::vector<uint32_t>{512, 512}));
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, ShortAndZeroLengthPacketsDoNotEndASmallRead)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    camera->QueueRawPackets({{1, 2, 3}, {}, {4, 5, 6, 7, 8}});
-    std::vector<uint8_t> got;
-    ASSERT_TRUE(Read(handle, got, 8));
-    EXPECT_EQ(got, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(camera->Traffic().inRequests.size(), 3u);
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, LargeReadGoesInPiecesOfOneMebibyte)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    const size_t size = 2 * 0x100000 + 100;
-    std::vector<uint8_t> data = Pattern(size, 9);
-    camera->QueueRawIn(data);
-
-    std::vector<uint8_t> got;
-    ASSERT_TRUE(Read(handle, got, size));
-    EXPECT_TRUE(got == data);
-    EXPECT_EQ(camera->Traffic().inRequests, (std::vector<uint32_t>{0x100000, 0x100000, 100}));
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, StalledSmallReadClearsHaltFiveTimesThenFails)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    camera->StallNext(0x81, 5);
-    camera->QueueRawPackets({Pattern(20, 0)});
-    LogMark mark;
-    std::vector<uint8_t> got;
-    EXPECT_FALSE(Read(handle, got, 12));
-    EXPECT_EQ(camera->Traffic().inRequests.size(), 5u);
-    EXPECT_EQ(camera->Traffic().clearHalts, 5);
-    EXPECT_EQ(mark.Count("Usb read to buffer failed: -9"), 1);
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, SmallReadRecoversFromFourStalls)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    camera->StallNext(0x81, 4);
-    std::vector<uint8_t> packet = Pattern(20, 5);
-    camera->QueueRawPackets({packet});
-    std::vector<uint8_t> got;
-    ASSERT_TRUE(Read(handle, got, 20));
-    EXPECT_EQ(got, packet);
-    EXPECT_EQ(camera->Traffic().clearHalts, 4);
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, LargeReadWithNoDataAtAllFailsAtOnce)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    camera->StallNext(0x81, 1);
-    LogMark mark;
-    std::vector<uint8_t> got;
-    EXPECT_FALSE(Read(handle, got, 4096));
-    EXPECT_EQ(camera->Traffic().inRequests.size(), 1u);
-    EXPECT_EQ(camera->Traffic().clearHalts, 0);
-    EXPECT_EQ(mark.Count("libusb_bulk_transfer: size == 0"), 1);
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, WriteOfZeroBytesStillMakesOneTransfer)
+TEST_F(UsbTransportTest, WritesAreOneTransferEachAndRetryAfterStallsUpToFiveAttempts)
 {
     auto camera = AddCamera("SX160", "S1");
     void* handle = Open(camera);
     DataLen empty(nullptr, 0);
     EXPECT_TRUE(usb->Write(&empty, handle));
     EXPECT_EQ(camera->Traffic().outLengths, std::vector<uint32_t>{0});
-    usb->CloseDevice(handle);
-}
 
-TEST_F(UsbTransportTest, WriteRetriesAfterStallsUpToFiveAttempts)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
     uint8_t bytes[16] = {16, 0, 0, 0, 1, 0, 0x99, 0x99, 0, 0, 0, 0, 0xA2, 0, 0, 0};
     DataLen buffer(bytes, sizeof(bytes));
-
     camera->StallNext(0x02, 2);
     EXPECT_TRUE(usb->Write(&buffer, handle));
     EXPECT_EQ(camera->Traffic().clearHalts, 2);
@@ -214,7 +197,6 @@ TEST_F(UsbTransportTest, WriteRetriesAfterStallsUpToFiveAttempts)
     EXPECT_FALSE(usb->Write(&buffer, handle));
     EXPECT_EQ(camera->Traffic().clearHalts, 5);
     EXPECT_EQ(mark.Count("Read failed: -9"), 1);
-    usb->CloseDevice(handle);
 }
 
 TEST_F(UsbTransportTest, TwoCamerasOnOneTransportKeepTheirOwnResidue)
@@ -223,45 +205,35 @@ TEST_F(UsbTransportTest, TwoCamerasOnOneTransportKeepTheirOwnResidue)
     auto b = AddCamera("A1400", "S2");
     void* ha = Open(a);
     void* hb = Open(b);
-    std::vector<uint8_t> pa = Pattern(512, 10), pb = Pattern(512, 200);
+    Bytes pa = Pattern(512, 10), pb = Pattern(512, 200);
     a->QueueRawPackets({pa});
     b->QueueRawPackets({pb});
 
-    std::vector<uint8_t> got;
+    Bytes got;
     ASSERT_TRUE(Read(ha, got, 12));
     ASSERT_TRUE(Read(hb, got, 12));
     ASSERT_TRUE(Read(ha, got, 500));
     EXPECT_EQ(got, Slice(pa, 12, 500));
     ASSERT_TRUE(Read(hb, got, 500));
     EXPECT_EQ(got, Slice(pb, 12, 500));
-    usb->CloseDevice(ha);
-    usb->CloseDevice(hb);
 }
 
-TEST_F(UsbTransportTest, UnpluggedCameraFailsReadsAndWrites)
+TEST_F(UsbTransportTest, ReadFailsWithItsLogLineWhenTheCameraIsGoneOrSilent)
 {
     auto camera = AddCamera("SX160", "S1");
     void* handle = Open(camera);
-    camera->Unplug();
-    LogMark mark;
-    std::vector<uint8_t> got;
+    LogMark silent;
+    Bytes got;
     EXPECT_FALSE(Read(handle, got, 12));
-    EXPECT_EQ(mark.Count("Usb read to buffer failed: -4"), 1);
+    EXPECT_EQ(silent.Count("Usb read to buffer failed: -7"), 1);
+
+    camera->Unplug();
+    LogMark gone;
+    EXPECT_FALSE(Read(handle, got, 12));
+    EXPECT_EQ(gone.Count("Usb read to buffer failed: -4"), 1);
     uint8_t byte = 0;
     DataLen one(&byte, 1);
     EXPECT_FALSE(usb->Write(&one, handle));
-    usb->CloseDevice(handle);
-}
-
-TEST_F(UsbTransportTest, ReadTimesOutWhenTheCameraSendsNothing)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    LogMark mark;
-    std::vector<uint8_t> got;
-    EXPECT_FALSE(Read(handle, got, 12));
-    EXPECT_EQ(mark.Count("Usb read to buffer failed: -7"), 1);
-    usb->CloseDevice(handle);
 }
 
 TEST(StringConversion, CarriesEachCharacterByValue)
