@@ -28,8 +28,13 @@ TEST_F(DirectShoot, OutOfOrderRunsGiveThePictureDownloadedAsOftenAsWanted)
     const std::vector<QKFileInfo> catalogueBefore = device->Objects();
     const int latestBefore = device->LatestFileId();
     Shutter().SetRemoteChunking(2048, true);
+    Shutter().SetRemoteReadyDelay(350);
     LogMark mark;
     ASSERT_EQ(ShootDirect(), QK_OK);
+    EXPECT_GE(Sent(PTP_OC_QKM, PTP_QKM_RemoteCaptureIsReady), 3);
+    EXPECT_GE(mark.Count("ShootDirectEvent: EVENT_REMOTE_AVAILABLE", "DEB"), 1);
+    // Events are read at every poll and after every piece; the flags stay.
+    EXPECT_GE(Sent(PTP_OC_QKM, PTP_QKM_GetEvents), 4);
     const std::vector<uint8_t> picture = Shutter().LastRemotePicture();
     ASSERT_GT(picture.size(), 3 * 2048u);
 
@@ -51,6 +56,12 @@ TEST_F(DirectShoot, OutOfOrderRunsGiveThePictureDownloadedAsOftenAsWanted)
 
     std::vector<int> downloaded;
     auto note = [&downloaded](int id) { downloaded.push_back(id); };
+    // Paths that can't be written fail without completion; the file stays buffered.
+    EXPECT_EQ(device->PTPDownloadFile(-100, Local("missing/dir/x.jpg"), note), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: output file opening failed", "ERR"), 1);
+    EXPECT_EQ(device->PTPDownloadFile(-100, "/dev/full", note), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTPDownloadFile: write file failed", "ERR"), 1);
+    EXPECT_EQ(mark.Count("DirectTransfer download file completed"), 0);
     ASSERT_EQ(device->PTPDownloadFile(-100, Local("direct-a.jpg"), note), QK_OK);
     ASSERT_EQ(device->PTPDownloadFile(-100, Local("direct-b.jpg"), note), QK_OK);
     EXPECT_EQ(downloaded, (std::vector<int>{-100, -100}));
@@ -100,12 +111,7 @@ TEST_F(DirectShoot, IdsGoDownAndAreNeverReused)
     qksim::CameraShutter& shutter = Shutter();
     int fetches = 0;
     camera->SetVendorHandler(PTP_QKM_RemoteCaptureGetData, [&shutter, &fetches](const PtpCommand& c) {
-        if (++fetches == 2) {
-            PtpReply refused;
-            refused.responseCode = qksim::ptp::RC_AccessDenied;
-            return refused;
-        }
-        return shutter.RemoteCaptureGetData(c);
+        return ++fetches == 2 ? qksim::RefusalReply(qksim::ptp::RC_AccessDenied) : shutter.RemoteCaptureGetData(c);
     });
     Shutter().SetRemoteChunking(2048, false);
     device->hooks.clear();
@@ -118,6 +124,15 @@ TEST_F(DirectShoot, IdsGoDownAndAreNeverReused)
     EXPECT_EQ(shots.size(), 1u);
 
     camera->SetVendorHandler(PTP_QKM_RemoteCaptureGetData, nullptr);
+    // Nor does a shot the camera refuses to start.
+    AnswerVendor(PTP_QKM_RemoteCaptureStart, qksim::RefusalReply(qksim::ptp::RC_DeviceBusy));
+    camera->ClearRecords();
+    EXPECT_EQ(ShootDirect(), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_QKM_RemoteCaptureStart failed", "ERR"), 1);
+    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_RemoteCaptureIsReady), 0);
+    EXPECT_EQ(device->NextDirectFileId(), -101);
+    EXPECT_EQ(shots.size(), 1u);
+    camera->SetVendorHandler(PTP_QKM_RemoteCaptureStart, nullptr);
     // The camera gives the broken capture up, as after its own time-out.
     Shutter().AbortRemoteCapture();
     Shutter().QueueRemotePieces({{Bytes("second"), 0}});
@@ -127,49 +142,6 @@ TEST_F(DirectShoot, IdsGoDownAndAreNeverReused)
     EXPECT_EQ(std::wstring(shots[1].name), L"direct_101.jpg");
     EXPECT_EQ(device->NextDirectFileId(), -102);
     ASSERT_EQ(device->PTPRemoveFile(-101), QK_OK);
-}
-
-TEST_F(DirectShoot, ReadinessIsPolledAndItsEventsOnlyLogged)
-{
-    Shutter().SetRemoteReadyDelay(350);
-    LogMark mark;
-    ASSERT_EQ(ShootDirect(), QK_OK);
-    EXPECT_GE(Sent(PTP_OC_QKM, PTP_QKM_RemoteCaptureIsReady), 3);
-    EXPECT_GE(mark.Count("ShootDirectEvent: EVENT_REMOTE_AVAILABLE", "DEB"), 1);
-    // Events are read at every poll and after every piece; the flags stay.
-    EXPECT_GE(Sent(PTP_OC_QKM, PTP_QKM_GetEvents), 4);
-    ASSERT_EQ(device->PTPRemoveFile(shots.at(0).id), QK_OK);
-}
-
-TEST_F(DirectShoot, DownloadThatCannotWriteFailsWithoutCompletion)
-{
-    ASSERT_EQ(ShootDirect(), QK_OK);
-    const int id = shots.at(0).id;
-    int completions = 0;
-    auto note = [&completions](int) { ++completions; };
-    LogMark mark;
-    EXPECT_EQ(device->PTPDownloadFile(id, Local("missing/dir/x.jpg"), note), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTPDownloadFile: output file opening failed", "ERR"), 1);
-    EXPECT_EQ(device->PTPDownloadFile(id, "/dev/full", note), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTPDownloadFile: write file failed", "ERR"), 1);
-    EXPECT_EQ(completions, 0);
-    EXPECT_EQ(mark.Count("DirectTransfer download file completed"), 0);
-    // The buffered file is still there for a better path.
-    ASSERT_EQ(device->PTPDownloadFile(id, Local("fine.jpg"), note), QK_OK);
-    EXPECT_EQ(completions, 1);
-    ASSERT_EQ(device->PTPRemoveFile(id), QK_OK);
-}
-
-TEST_F(DirectShoot, CameraRefusingToStartEndsTheChain)
-{
-    PtpReply refused;
-    refused.responseCode = qksim::ptp::RC_DeviceBusy;
-    camera->SetVendorHandler(PTP_QKM_RemoteCaptureStart, [refused](const PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(ShootDirect(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_RemoteCaptureStart failed", "ERR"), 1);
-    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_RemoteCaptureIsReady), 0);
-    EXPECT_TRUE(shots.empty());
 }
 
 // A camera that never finishes: each chain ends at its deadline with

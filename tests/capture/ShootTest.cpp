@@ -6,26 +6,15 @@
 
 namespace {
 
-using qksim::PtpCommand;
-using qksim::PtpReply;
 using qktest::LogMark;
 
-class Shoot : public qktest::CardCameraTest {
-protected:
-    void Refuse(uint32_t subCommand, uint16_t code)
-    {
-        PtpReply refused;
-        refused.responseCode = code;
-        camera->SetVendorHandler(subCommand, [refused](const PtpCommand&) { return refused; });
-    }
-    std::vector<std::string> Completed() const { return {"stop preview", "pre-shoot", "completed", "resume preview"}; }
-};
+class Shoot : public qktest::CardCameraTest {};
 
 TEST_F(Shoot, ShotIsFoundDownloadedAndRemoved)
 {
     LogMark mark;
     ASSERT_EQ(ContProc::run(device->PTPShoot()), QK_OK);
-    EXPECT_EQ(device->hooks, Completed());
+    EXPECT_EQ(device->hooks, (std::vector<std::string>{"stop preview", "pre-shoot", "completed", "resume preview"}));
     ASSERT_EQ(device->completed.size(), 1u);
     const QKFileInfo shot = device->completed[0];
     EXPECT_EQ(std::wstring(shot.name), L"IMG_0005.JPG");
@@ -46,35 +35,34 @@ TEST_F(Shoot, ShotIsFoundDownloadedAndRemoved)
     int width = 0, height = 0;
     EXPECT_TRUE(qksim::JpegSize(ReadFile(path), &width, &height));
 
+    // A host's completion function replaces the hook; the next shot is its own file.
+    std::vector<QKFileInfo> shots;
+    ASSERT_EQ(ContProc::run(device->PTPShoot_Normal([&shots](QKFileInfo file) { shots.push_back(file); })), QK_OK);
+    ASSERT_EQ(shots.size(), 1u);
+    EXPECT_EQ(device->completed.size(), 1u);
+    EXPECT_EQ(std::wstring(shots[0].name), L"IMG_0006.JPG");
+    EXPECT_EQ(shots[0].id, static_cast<int>(Card().Find("IMG_0006.JPG")));
+    EXPECT_NE(shots[0].id, shot.id);
+    // The pictures differ: each shows its own number.
+    EXPECT_NE(Card().Content(shots[0].id), Card().Content(handle));
+
     ASSERT_EQ(device->PTPRemoveFile(shot.id), QK_OK);
     EXPECT_FALSE(Card().Has(handle));
     for (const QKFileInfo& f : device->Objects())
         EXPECT_NE(std::wstring(f.name), L"IMG_0005.JPG");
 }
 
-TEST_F(Shoot, TwoShotsInARowReportTheirOwnFiles)
-{
-    std::vector<QKFileInfo> shots;
-    auto keep = [&shots](QKFileInfo file) { shots.push_back(file); };
-    ASSERT_EQ(ContProc::run(device->PTPShoot_Normal(keep)), QK_OK);
-    ASSERT_EQ(ContProc::run(device->PTPShoot_Normal(keep)), QK_OK);
-    ASSERT_EQ(shots.size(), 2u);
-    EXPECT_EQ(std::wstring(shots[0].name), L"IMG_0005.JPG");
-    EXPECT_EQ(std::wstring(shots[1].name), L"IMG_0006.JPG");
-    EXPECT_NE(shots[0].id, shots[1].id);
-    EXPECT_EQ(shots[1].id, static_cast<int>(Card().Find("IMG_0006.JPG")));
-    // A host's completion function replaces the hook.
-    EXPECT_TRUE(device->completed.empty());
-    // The pictures differ: each shows its own number.
-    EXPECT_NE(Card().Content(shots[0].id), Card().Content(shots[1].id));
-}
-
-TEST_F(Shoot, ShotThatTakesTimeIsPolledUntilFinished)
+TEST_F(Shoot, ShotThatTakesTimeIsPolledUntilFinishedAndMemoryLoggedAtItsMilestones)
 {
     Shutter().SetShotDuration(350);
+    device->SetMemLogging(true);
+    LogMark mark;
     ASSERT_EQ(ContProc::run(device->PTPShoot()), QK_OK);
     EXPECT_GE(Sent(PTP_OC_QKM, PTP_QKM_GetEvents), 3);
     EXPECT_EQ(device->completed.size(), 1u);
+    EXPECT_EQ(mark.Count("memory: SHOOT_FINISHED event", "DEB"), 1);
+    EXPECT_EQ(mark.Count("memory: after PTPUpdateObjectsInfo", "DEB"), 1);
+    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_BASEMOD_ReadMem), 2);
 }
 
 TEST_F(Shoot, FileListedOnlyAtTheSecondLookIsFound)
@@ -103,54 +91,45 @@ TEST_F(Shoot, FileThatNeverShowsFailsAfterFiveListings)
     EXPECT_EQ(device->hooks, (std::vector<std::string>{"stop preview", "pre-shoot"}));
 }
 
-TEST_F(Shoot, RefusingHookStopsTheShotBeforeTheCamera)
+TEST_F(Shoot, FailuresEndTheChainWithTheirMessageBeforeTheFile)
 {
-    device->preShootResult = QK_LOW_BATTERY;
-    LogMark mark;
-    EXPECT_EQ(ContProc::run(device->PTPShoot()), QK_LOW_BATTERY);
-    EXPECT_EQ(mark.Count("SetPreShootProperty() failed", "ERR"), 1);
-    EXPECT_TRUE(camera->ReceivedCommands().empty());
-    EXPECT_EQ(device->hooks, (std::vector<std::string>{"stop preview", "pre-shoot"}));
-}
-
-TEST_F(Shoot, CameraFailuresEndTheChainWithTheirMessage)
-{
+    // The preview stays stopped: undoing that is the host's business.
+    const std::vector<std::string> stopped{"stop preview", "pre-shoot"};
     struct Case {
-        uint32_t subCommand;
         const char* message;
-    } cases[] = {{PTP_QKM_Shoot, "PTP_QKM_Shoot failed"}, {PTP_QKM_GetEvents, "PTPLoadEvents() failed"}};
+        QKResult result;
+        uint32_t subCommand; // refused with "device busy"; 0: none
+        uint16_t operation;  // refused with code 0x2005; 0: none
+        int shots;           // shoot commands sent; -1: no command at all
+    } cases[] = {
+        {"SetPreShootProperty() failed", QK_LOW_BATTERY, 0, 0, -1},
+        {"PTPUpdateObjectsInfo() failed", QK_ERROR, 0, PTP_OC_GetStorageIDs, 0},
+        {"PTP_QKM_Shoot failed", QK_ERROR, PTP_QKM_Shoot, 0, 1},
+        {"PTPLoadEvents() failed", QK_ERROR, PTP_QKM_GetEvents, 0, 1},
+    };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
-        Refuse(c.subCommand, qksim::ptp::RC_DeviceBusy);
+        device->preShootResult = c.shots < 0 ? c.result : QK_OK;
+        if (c.subCommand)
+            AnswerVendor(c.subCommand, qksim::RefusalReply(qksim::ptp::RC_DeviceBusy));
+        if (c.operation)
+            Answer(c.operation, qksim::RefusalReply(0x2005));
         device->hooks.clear();
+        camera->ClearRecords();
         LogMark mark;
-        EXPECT_EQ(ContProc::run(device->PTPShoot()), QK_ERROR);
+        EXPECT_EQ(ContProc::run(device->PTPShoot()), c.result);
         EXPECT_EQ(mark.Count(c.message, "ERR"), 1);
+        if (c.shots < 0)
+            EXPECT_TRUE(camera->ReceivedCommands().empty());
+        else
+            EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_Shoot), c.shots);
         EXPECT_TRUE(device->completed.empty());
-        EXPECT_EQ(device->hooks, (std::vector<std::string>{"stop preview", "pre-shoot"}));
-        camera->SetVendorHandler(c.subCommand, nullptr);
+        EXPECT_EQ(device->hooks, stopped);
+        if (c.subCommand)
+            camera->SetVendorHandler(c.subCommand, nullptr);
+        if (c.operation)
+            camera->SetOperationHandler(c.operation, nullptr);
     }
-}
-
-TEST_F(Shoot, BaselineListingThatFailsSendsNoShot)
-{
-    PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetOperationHandler(PTP_OC_GetStorageIDs, [refused](const PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(ContProc::run(device->PTPShoot()), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTPUpdateObjectsInfo() failed", "ERR"), 1);
-    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_Shoot), 0);
-}
-
-TEST_F(Shoot, MemoryFiguresAreLoggedAtTheShotsMilestones)
-{
-    device->SetMemLogging(true);
-    LogMark mark;
-    ASSERT_EQ(ContProc::run(device->PTPShoot()), QK_OK);
-    EXPECT_EQ(mark.Count("memory: SHOOT_FINISHED event", "DEB"), 1);
-    EXPECT_EQ(mark.Count("memory: after PTPUpdateObjectsInfo", "DEB"), 1);
-    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_BASEMOD_ReadMem), 2);
 }
 
 } // namespace

@@ -7,19 +7,13 @@
 
 namespace {
 
-using qksim::PtpCommand;
 using qksim::PtpReply;
+using qksim::RefusalReply;
 using qktest::LogMark;
 using Clock = std::chrono::steady_clock;
 
 class Video : public qktest::CardCameraTest {
 protected:
-    void Answer(uint32_t subCommand, uint16_t code)
-    {
-        PtpReply reply;
-        reply.responseCode = code;
-        camera->SetVendorHandler(subCommand, [reply](const PtpCommand&) { return reply; });
-    }
     static QKFileInfo Untouched()
     {
         QKFileInfo file;
@@ -31,6 +25,13 @@ protected:
 
 TEST_F(Video, ShotsAreRefusedUntilTheRecordingStops)
 {
+    // Building a chain sends nothing; a host that doesn't run it deletes it.
+    delete device->PTPShoot();
+    delete device->PTPShoot_Direct([](QKFileInfo) {});
+    delete device->PTPUpdateAeAf();
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+    EXPECT_TRUE(device->hooks.empty());
+
     ASSERT_EQ(device->PTPStartVideo(), QK_OK);
     EXPECT_TRUE(device->VideoRecording());
     EXPECT_TRUE(Shutter().Recording());
@@ -58,8 +59,8 @@ TEST_F(Video, ShotsAreRefusedUntilTheRecordingStops)
 TEST_F(Video, StopWithoutANewFileStillEndsTheRecording)
 {
     // A camera that takes both commands and writes no movie.
-    Answer(PTP_QKM_StartVideo, 0x2001);
-    Answer(PTP_QKM_StopVideo, 0x2001);
+    AnswerVendor(PTP_QKM_StartVideo, PtpReply{});
+    AnswerVendor(PTP_QKM_StopVideo, PtpReply{});
     ASSERT_EQ(device->PTPStartVideo(), QK_OK);
     QKFileInfo movie = Untouched();
     LogMark mark;
@@ -75,10 +76,23 @@ TEST_F(Video, StopWithoutANewFileStillEndsTheRecording)
     EXPECT_EQ(mark.Count("PTPStopVideo: new file not found", "ERR"), 2);
 }
 
-TEST_F(Video, RefusedStopKeepsTheRecordingRunning)
+TEST_F(Video, FailedStartLeavesNoRecordingFlagAndRefusedStopKeepsItRunning)
 {
+    Answer(PTP_OC_GetStorageIDs, RefusalReply(0x2005));
+    LogMark started;
+    EXPECT_EQ(device->PTPStartVideo(), QK_ERROR);
+    EXPECT_EQ(started.Count("PTPUpdateObjectsInfo() failed", "ERR"), 1);
+    EXPECT_FALSE(device->VideoRecording());
+    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_StartVideo), 0);
+    camera->SetOperationHandler(PTP_OC_GetStorageIDs, nullptr);
+    AnswerVendor(PTP_QKM_StartVideo, RefusalReply(qksim::ptp::RC_DeviceBusy));
+    EXPECT_EQ(device->PTPStartVideo(), QK_ERROR);
+    EXPECT_EQ(started.Count("PTP_QKM_StartVideo failed", "ERR"), 1);
+    EXPECT_FALSE(device->VideoRecording());
+
+    camera->SetVendorHandler(PTP_QKM_StartVideo, nullptr);
     ASSERT_EQ(device->PTPStartVideo(), QK_OK);
-    Answer(PTP_QKM_StopVideo, qksim::ptp::RC_DeviceBusy);
+    AnswerVendor(PTP_QKM_StopVideo, RefusalReply(qksim::ptp::RC_DeviceBusy));
     QKFileInfo movie = Untouched();
     LogMark mark;
     EXPECT_EQ(device->PTPStopVideo(&movie), QK_ERROR);
@@ -87,34 +101,9 @@ TEST_F(Video, RefusedStopKeepsTheRecordingRunning)
     EXPECT_EQ(movie.id, 4242);
     EXPECT_EQ(ContProc::run(device->PTPShoot()), QK_ERROR);
 
+    // With several new files, the first listed is reported.
     camera->SetVendorHandler(PTP_QKM_StopVideo, nullptr);
-    ASSERT_EQ(device->PTPStopVideo(&movie), QK_OK);
-    EXPECT_EQ(std::wstring(movie.name), L"MVI_0005.MOV");
-}
-
-TEST_F(Video, FailedStartLeavesNoRecordingFlag)
-{
-    PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetOperationHandler(PTP_OC_GetStorageIDs, [refused](const PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(device->PTPStartVideo(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTPUpdateObjectsInfo() failed", "ERR"), 1);
-    EXPECT_FALSE(device->VideoRecording());
-    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_StartVideo), 0);
-
-    camera->SetOperationHandler(PTP_OC_GetStorageIDs, nullptr);
-    Answer(PTP_QKM_StartVideo, qksim::ptp::RC_DeviceBusy);
-    EXPECT_EQ(device->PTPStartVideo(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_StartVideo failed", "ERR"), 1);
-    EXPECT_FALSE(device->VideoRecording());
-}
-
-TEST_F(Video, WithSeveralNewFilesTheFirstListedIsReported)
-{
-    ASSERT_EQ(device->PTPStartVideo(), QK_OK);
     Card().AddFile("IMG_0100.JPG", {1, 2, 3});
-    QKFileInfo movie = Untouched();
     ASSERT_EQ(device->PTPStopVideo(&movie), QK_OK);
     EXPECT_EQ(std::wstring(movie.name), L"IMG_0100.JPG");
 }
@@ -127,23 +116,13 @@ TEST_F(Video, AeAfUpdateSettlesForASecond)
     EXPECT_EQ(Shutter().AeAfUpdates(), 1);
     EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_UpdateAEAF), 1);
 
-    Answer(PTP_QKM_UpdateAEAF, qksim::ptp::RC_DeviceBusy);
+    AnswerVendor(PTP_QKM_UpdateAEAF, RefusalReply(qksim::ptp::RC_DeviceBusy));
     LogMark mark;
     const Clock::time_point failed = Clock::now();
     EXPECT_EQ(ContProc::run(device->PTPUpdateAeAf()), QK_ERROR);
     // A refused update ends at once, without the settling wait.
     EXPECT_LT(Clock::now() - failed, std::chrono::milliseconds(900));
     EXPECT_EQ(mark.Count("PTP_QKM_UpdateAEAF failed", "ERR"), 1);
-}
-
-TEST_F(Video, UnrunChainsTouchNothing)
-{
-    // Building a chain sends nothing; a host that doesn't run it deletes it.
-    delete device->PTPShoot();
-    delete device->PTPShoot_Direct([](QKFileInfo) {});
-    delete device->PTPUpdateAeAf();
-    EXPECT_TRUE(camera->ReceivedCommands().empty());
-    EXPECT_TRUE(device->hooks.empty());
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 #include "sim/CameraCard.h"
 #include "sim/CameraMemory.h"
 #include "sim/CameraShutter.h"
+#include "sim/PtpReplies.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
@@ -65,7 +66,14 @@ public:
 
 class CardCameraTest : public VirtualCameraTest {
 protected:
-    void SetUp() override { Connect("SX160"); }
+    void SetUp() override
+    {
+        camera = AddCamera("SX160", "QKF0001");
+        ASSERT_TRUE(camera);
+        device = std::make_shared<CardCamera>(Transport(), camera->Path());
+        ASSERT_EQ(device->Init(), QK_OK);
+        camera->ClearRecords();
+    }
     void TearDown() override
     {
         device.reset();
@@ -74,17 +82,19 @@ protected:
             std::remove(path.c_str());
     }
 
-    void Connect(const std::string& model)
-    {
-        camera = AddCamera(model, "QKF0001");
-        ASSERT_TRUE(camera);
-        device = std::make_shared<CardCamera>(Transport(), camera->Path());
-        ASSERT_EQ(device->Init(), QK_OK);
-        camera->ClearRecords();
-    }
-
     qksim::CameraCard& Card() { return camera->Card(); }
     qksim::CameraShutter& Shutter() { return camera->Shutter(); }
+
+    // The camera gives this reply to the operation, or to the vendor
+    // operation's sub-command, until the answer is reset.
+    void Answer(uint16_t code, qksim::PtpReply reply)
+    {
+        camera->SetOperationHandler(code, [reply](const qksim::PtpCommand&) { return reply; });
+    }
+    void AnswerVendor(uint32_t subCommand, qksim::PtpReply reply)
+    {
+        camera->SetVendorHandler(subCommand, [reply](const qksim::PtpCommand&) { return reply; });
+    }
 
     // Commands received since the last ClearRecords with this operation code
     // and, for the vendor operation, this sub-command.

@@ -6,13 +6,16 @@
 
 #include "DevicePTP/DevicePTP.h"
 #include "DevicePTP/PtpCodes.h"
+#include "sim/PtpReplies.h"
 #include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
+using qksim::DataReply;
 using qksim::PtpCommand;
 using qksim::PtpReply;
+using qksim::RefusalReply;
 using qktest::LogMark;
 
 class DevicePTPTest : public qktest::VirtualCameraTest {};
@@ -40,64 +43,39 @@ TEST_F(DevicePTPTest, InitFindsTheRecordAndTheSerialRequestIsExact)
     EXPECT_EQ(camera->Traffic().outLengths, std::vector<uint32_t>{16});
 }
 
-TEST_F(DevicePTPTest, SerialTakesEveryEvenByteZerosIncluded)
+TEST_F(DevicePTPTest, SerialTakesEveryEvenByteZerosIncludedAndAnUnreadableOneKeepsThePrevious)
 {
     auto camera = AddCamera("A1400", "X");
+    auto device = DevicePTP::build(Transport(), camera->Path());
+    ASSERT_EQ(device->Init(), QK_OK);
     struct Case {
-        std::vector<uint8_t> reply;
+        PtpReply reply;
         std::wstring serial;
     } cases[] = {
-        {{'A', 0, 'B', 0, 'C'}, L"ABC"},
-        {{'A', 'x', 0, 'y', 'C', 0}, std::wstring{L'A', L'\0', L'C'}},
-        {{0xE9, 0}, std::wstring{wchar_t(0xE9)}},
-        {{}, L""},
+        {DataReply({'A', 0, 'B', 0, 'C'}), L"ABC"},
+        {RefusalReply(0x2005), L"ABC"},
+        {DataReply({'A', 'x', 0, 'y', 'C', 0}), std::wstring{L'A', L'\0', L'C'}},
+        {DataReply({0xE9, 0}), std::wstring{wchar_t(0xE9)}},
+        {DataReply({}), L""},
     };
-    auto device = DevicePTP::build(Transport(), camera->Path());
-    ASSERT_EQ(device->Init(), QK_OK);
     for (const Case& c : cases) {
-        PtpReply reply;
-        reply.hasData = true;
-        reply.data = c.reply;
+        const bool refused = c.reply.responseCode != 0x2001;
+        SCOPED_TRACE(refused ? "refused" : "answered");
+        const PtpReply reply = c.reply;
         camera->SetVendorHandler(PTP_QKM_GetSerialNumber, [reply](const PtpCommand&) { return reply; });
-        ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+        LogMark mark;
+        EXPECT_EQ(device->QKMLoadSerialNumber(), refused ? QK_ERROR : QK_OK);
         EXPECT_EQ(device->GetSerialNumber(), c.serial);
+        EXPECT_EQ(mark.Count("PTP_QKM_GetSerialNumber failed"), refused ? 1 : 0);
+        EXPECT_EQ(mark.Count("PtpTransaction failed"), refused ? 1 : 0);
     }
-}
-
-TEST_F(DevicePTPTest, UnreadableSerialKeepsThePreviousOne)
-{
-    auto camera = AddCamera("SX160", "QKS0009");
-    auto device = DevicePTP::build(Transport(), camera->Path());
-    ASSERT_EQ(device->Init(), QK_OK);
-    ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
-    PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetVendorHandler(PTP_QKM_GetSerialNumber, [refused](const PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_ERROR);
-    EXPECT_EQ(device->GetSerialNumber(), L"QKS0009");
-    EXPECT_EQ(mark.Count("PTP_QKM_GetSerialNumber failed"), 1);
-    EXPECT_EQ(mark.Count("PtpTransaction failed"), 1);
-}
-
-TEST_F(DevicePTPTest, ProductWithoutModelNameKeepsTheHandleButNoRecord)
-{
-    auto camera = AddCamera("SX160", "QKS0002", "Virtual Camera Z99");
-    auto device = DevicePTP::build(Transport(), camera->Path());
-    LogMark mark;
-    EXPECT_EQ(device->Init(), QK_ERROR);
-    EXPECT_EQ(mark.Count("camera config not found: Virtual Camera Z99"), 1);
-    EXPECT_EQ(device->GetCameraName(), L"Virtual Camera Z99");
-    EXPECT_EQ(device->GetCameraId(), L"");
-    // The device is open all the same.
-    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_OK);
-    EXPECT_EQ(device->GetSerialNumber(), L"QKS0002");
 }
 
 TEST_F(DevicePTPTest, RecognitionTakesTheFirstNameContainedInTheProduct)
 {
     // An empty product is the virtual camera's own, which must name the
-    // record even when the model is given by its short name.
+    // record even when the model is given by its short name. Without a
+    // record the device is open all the same.
     struct Case {
         const char* model;
         const char* product;
@@ -107,61 +85,54 @@ TEST_F(DevicePTPTest, RecognitionTakesTheFirstNameContainedInTheProduct)
         {"SX160", "camera A810 x", L"A810"}, {"SX160", "sx160", L""},
         {"SX160", "IXUS170IXUS145", L"IXUS145"}, {"SX40", "", L"SX40HS"},
         {"SX400", "", L"SX400IS"},           {"SX410", "", L"SX410IS"},
+        {"SX160", "Virtual Camera Z99", L""},
     };
     for (const Case& c : cases) {
-        auto camera = AddCamera(c.model, "S", c.product);
+        SCOPED_TRACE(c.product);
+        auto camera = AddCamera(c.model, "QKS0002", c.product);
         auto device = DevicePTP::build(Transport(), camera->Path());
-        device->Init();
-        EXPECT_EQ(device->GetCameraId(), c.id) << c.product;
+        LogMark mark;
+        EXPECT_EQ(device->Init(), *c.id ? QK_OK : QK_ERROR);
+        EXPECT_EQ(mark.Count(std::string("camera config not found: ") + c.product), *c.id ? 0 : 1);
+        const std::wstring name = *c.product ? strToWstr(c.product) : L"QK Virtual Camera " + std::wstring(c.id);
+        EXPECT_EQ(device->GetCameraName(), name);
+        EXPECT_EQ(device->GetCameraId(), c.id);
+        EXPECT_EQ(device->QKMLoadSerialNumber(), QK_OK);
+        EXPECT_EQ(device->GetSerialNumber(), L"QKS0002");
         device.reset();
         usb.reset();
         qksim::VirtualBus::Instance().RemoveAll();
     }
 }
 
-TEST_F(DevicePTPTest, FailedOpenLeavesTheObjectEmpty)
+TEST_F(DevicePTPTest, OneClaimHeldFromInitUntilTheObjectIsDeleted)
 {
     auto camera = AddCamera("SX160", "S");
+    // A claim that fails leaves the object empty.
     camera->FailClaim(true);
-    auto device = DevicePTP::build(Transport(), camera->Path());
-    EXPECT_EQ(device->Init(), QK_ERROR);
-    EXPECT_EQ(device->GetCameraName(), L"");
-    EXPECT_EQ(device->GetCameraId(), L"");
-    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_ERROR);
-    EXPECT_TRUE(camera->ReceivedCommands().empty());
-}
-
-TEST_F(DevicePTPTest, SecondInitKeepsTheOpenHandle)
-{
-    auto camera = AddCamera("SX160", "S");
-    auto device = DevicePTP::build(Transport(), camera->Path());
-    ASSERT_EQ(device->Init(), QK_OK);
-    EXPECT_EQ(device->Init(), QK_OK);
-    EXPECT_EQ(device->GetCameraId(), L"SX160");
-    EXPECT_EQ(device->QKMLoadSerialNumber(), QK_OK);
-    // One claim only: once the object is gone another can open the camera.
-    device.reset();
-    EXPECT_EQ(DevicePTP::build(usb, camera->Path())->Init(), QK_OK);
-}
-
-TEST_F(DevicePTPTest, DestructorClosesTheDeviceAndLogs)
-{
-    auto camera = AddCamera("SX160", "S");
     auto first = DevicePTP::build(Transport(), camera->Path());
+    EXPECT_EQ(first->Init(), QK_ERROR);
+    EXPECT_EQ(first->GetCameraName(), L"");
+    EXPECT_EQ(first->GetCameraId(), L"");
+    EXPECT_EQ(first->QKMLoadSerialNumber(), QK_ERROR);
+    EXPECT_TRUE(camera->ReceivedCommands().empty());
+
+    camera->FailClaim(false);
     ASSERT_EQ(first->Init(), QK_OK);
+    // A second Init keeps the open handle.
+    EXPECT_EQ(first->Init(), QK_OK);
+    EXPECT_EQ(first->GetCameraId(), L"SX160");
+    EXPECT_EQ(first->QKMLoadSerialNumber(), QK_OK);
     // While the first object holds the interface, a second can't claim it.
-    auto second = DevicePTP::build(usb, camera->Path());
-    EXPECT_EQ(second->Init(), QK_ERROR);
-    second.reset();
+    EXPECT_EQ(DevicePTP::build(usb, camera->Path())->Init(), QK_ERROR);
 
     LogMark mark;
     first.reset();
     EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
-    auto third = DevicePTP::build(usb, camera->Path());
-    EXPECT_EQ(third->Init(), QK_OK);
+    EXPECT_EQ(DevicePTP::build(usb, camera->Path())->Init(), QK_OK);
 }
 
-TEST_F(DevicePTPTest, FreePointerReleasesOnceAndLogsUnknownPointers)
+TEST_F(DevicePTPTest, FreePointerReleasesOnceLogsUnknownPointersAndServesManyThreads)
 {
     auto device = DevicePTP::build(Transport(), L"1193:12353:1:1");
     int released = 0;
@@ -180,22 +151,19 @@ TEST_F(DevicePTPTest, FreePointerReleasesOnceAndLogsUnknownPointers)
 
     // Registering again replaces the function.
     int first = 0, second = 0;
-    static int slot;
-    device->RegisterPointer(&slot, [&](void*) { ++first; });
-    device->RegisterPointer(&slot, [&](void*) { ++second; });
-    device->FreePointer(&slot);
+    static int replaced;
+    device->RegisterPointer(&replaced, [&](void*) { ++first; });
+    device->RegisterPointer(&replaced, [&](void*) { ++second; });
+    device->FreePointer(&replaced);
     EXPECT_EQ(first, 0);
     EXPECT_EQ(second, 1);
-}
 
-TEST_F(DevicePTPTest, FreePointerFromManyThreads)
-{
-    auto device = DevicePTP::build(Transport(), L"1193:12353:1:1");
+    // From many threads, while others register.
     constexpr int count = 400;
     std::vector<int> slots(count);
-    std::atomic<int> released{0};
+    std::atomic<int> freed{0};
     for (int& slot : slots)
-        device->RegisterPointer(&slot, [&](void*) { ++released; });
+        device->RegisterPointer(&slot, [&](void*) { ++freed; });
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
@@ -205,13 +173,13 @@ TEST_F(DevicePTPTest, FreePointerFromManyThreads)
     // Registering goes on while others free.
     std::vector<int> more(count);
     for (int& slot : more)
-        device->RegisterPointer(&slot, [&](void*) { ++released; });
+        device->RegisterPointer(&slot, [&](void*) { ++freed; });
     for (auto& thread : threads)
         thread.join();
-    EXPECT_EQ(released.load(), count);
+    EXPECT_EQ(freed.load(), count);
     for (int& slot : more)
         device->FreePointer(&slot);
-    EXPECT_EQ(released.load(), 2 * count);
+    EXPECT_EQ(freed.load(), 2 * count);
 }
 
 TEST_F(DevicePTPTest, DefaultHooksLogAtDebugLevel)
@@ -231,8 +199,6 @@ TEST_F(DevicePTPTest, DefaultHooksLogAtDebugLevel)
     EXPECT_EQ(device->GuardCameraState(), QK_OK);
     EXPECT_EQ(device->GuardOpenSession(), QK_OK);
     EXPECT_EQ(device->SetPreShootProperty(), QK_OK);
-    EXPECT_FALSE(device->IsVoltageLogging());
-    EXPECT_FALSE(device->IsMemLogging());
 }
 
 // A host's camera: derived, made with std::make_shared, hooks overridden.

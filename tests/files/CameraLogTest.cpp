@@ -13,11 +13,6 @@ using qktest::LogMark;
 
 class CameraLog : public qktest::CardCameraTest {
 protected:
-    // The camera acknowledges the log command but writes nothing.
-    void SilentLogCommand()
-    {
-        camera->SetVendorHandler(PTP_QKM_GetCamLog, [](const PtpCommand&) { return PtpReply{}; });
-    }
     std::vector<std::vector<uint32_t>> MemoryReads() const
     {
         std::vector<std::vector<uint32_t>> reads;
@@ -28,7 +23,7 @@ protected:
     }
 };
 
-TEST_F(CameraLog, CameraWritesItsLogAndWeShowIt)
+TEST_F(CameraLog, CameraWritesItsLogAndWeShowItCutByTheLogger)
 {
     Shutter().SetCameraLog("first camera line\nsecond camera line\n");
     LogMark mark;
@@ -40,37 +35,12 @@ TEST_F(CameraLog, CameraWritesItsLogAndWeShowIt)
     // Fetched into memory, left on the card.
     EXPECT_NE(Card().Find("img_0002.jpg"), 0u);
     EXPECT_EQ(Sent(PTP_OC_GetObject), 1);
-}
 
-TEST_F(CameraLog, NoLogFileOnTheCardLogsNothing)
-{
-    SilentLogCommand();
-    LogMark mark;
-    ASSERT_EQ(device->PTPDownloadCameraLog(), QK_OK);
-    EXPECT_EQ(mark.Count("camera log:"), 0);
-    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_GetCamLog), 1);
-    EXPECT_EQ(Sent(PTP_OC_GetObject), 0);
-}
-
-TEST_F(CameraLog, PictureNamedLikeTheLogIsShownUpToItsFirstZero)
-{
-    SilentLogCommand();
-    Card().AddFile("IMG_0002.JPG", {'J', 'F', 'I', 'F', '-', 'x', 0, 'h', 'i', 'd', 'd', 'e', 'n'});
-    LogMark mark;
-    ASSERT_EQ(device->PTPDownloadCameraLog(), QK_OK);
-    EXPECT_EQ(mark.Count("camera log:"), 1);
-    EXPECT_EQ(mark.Count("JFIF-x"), 1);
-    EXPECT_EQ(mark.Count("hidden"), 0);
-}
-
-TEST_F(CameraLog, LongLogIsCutByTheLogger)
-{
     Shutter().SetCameraLog(std::string(6000, 'L'));
-    LogMark mark;
+    LogMark longMark;
     ASSERT_EQ(device->PTPDownloadCameraLog(), QK_OK);
-    const std::string text = mark.Since();
     size_t longest = 0, run = 0;
-    for (char c : text) {
+    for (char c : longMark.Since()) {
         run = c == 'L' ? run + 1 : 0;
         longest = std::max(longest, run);
     }
@@ -78,29 +48,39 @@ TEST_F(CameraLog, LongLogIsCutByTheLogger)
     EXPECT_LE(longest, 4095u);
 }
 
-TEST_F(CameraLog, RefusedLogCommandFetchesNothing)
+TEST_F(CameraLog, WithoutALogFileOnlyAPictureNamedLikeItIsShownUpToItsFirstZero)
 {
-    PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetVendorHandler(PTP_QKM_GetCamLog, [refused](const PtpCommand&) { return refused; });
+    // The camera acknowledges the log command but writes nothing.
+    AnswerVendor(PTP_QKM_GetCamLog, PtpReply{});
     LogMark mark;
+    ASSERT_EQ(device->PTPDownloadCameraLog(), QK_OK);
+    EXPECT_EQ(mark.Count("camera log:"), 0);
+    EXPECT_EQ(Sent(PTP_OC_QKM, PTP_QKM_GetCamLog), 1);
+    EXPECT_EQ(Sent(PTP_OC_GetObject), 0);
+
+    Card().AddFile("IMG_0002.JPG", {'J', 'F', 'I', 'F', '-', 'x', 0, 'h', 'i', 'd', 'd', 'e', 'n'});
+    ASSERT_EQ(device->PTPDownloadCameraLog(), QK_OK);
+    EXPECT_EQ(mark.Count("camera log:"), 1);
+    EXPECT_EQ(mark.Count("JFIF-x"), 1);
+    EXPECT_EQ(mark.Count("hidden"), 0);
+
+    AnswerVendor(PTP_QKM_GetCamLog, qksim::RefusalReply(0x2005));
+    camera->ClearRecords();
     EXPECT_EQ(device->PTPDownloadCameraLog(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_QKM_GetCamLog failed", "ERR"), 1);
     EXPECT_EQ(Sent(PTP_OC_GetStorageIDs), 0);
 }
 
-TEST_F(CameraLog, MemoryLoggingOffCostsNoTraffic)
+TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddressOnlyWhenLoggingIsOnAndMayFail)
 {
-    const uint32_t handle = Card().Find("IMG_0001.JPG");
-    ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(handle), Local("a.jpg")), QK_OK);
-    ASSERT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_OK);
+    const uint32_t removed = Card().Find("IMG_0004.JPG");
+    ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(removed), Local("a.jpg")), QK_OK);
+    ASSERT_EQ(device->PTPRemoveFile(static_cast<int>(removed)), QK_OK);
     EXPECT_TRUE(MemoryReads().empty());
-}
 
-TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddress)
-{
     camera->Memory().SetStatistics({0xFFFFFFFF, 0x1000, 0x200000, 0xA, 0xB, 0xC, 777, 555, 33});
     device->SetMemLogging(true);
+    camera->ClearRecords();
     LogMark mark;
     ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(Card().Find("IMG_0001.JPG")), Local("b.jpg")), QK_OK);
     EXPECT_EQ(MemoryReads(), (std::vector<std::vector<uint32_t>>{{PTP_BASEMOD_ReadMem, 0x10300, 36}}));
@@ -110,33 +90,20 @@ TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddress)
     EXPECT_EQ(mark.Count("allocated peak:  777"), 1);
     EXPECT_EQ(mark.Count("allocated size:  555"), 1);
     EXPECT_EQ(mark.Count("allocated count: 33"), 1);
-    EXPECT_EQ(mark.Count("hex: ffffffff 00001000 00200000 0000000a 0000000b 0000000c 00000309 0000022b "
-                         "00000021 "),
-              1);
+    EXPECT_EQ(mark.Count("hex: ffffffff 00001000 00200000 0000000a 0000000b 0000000c 00000309 0000022b 00000021 "), 1);
 
     // A word of all ones reads -1 where it is shown in decimal.
     camera->Memory().SetStatistics({0, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0});
     device->PTPDebugLogMemory("tagged");
     EXPECT_EQ(mark.Count("start address:   -1"), 1);
-}
 
-TEST_F(CameraLog, UnreadableMemoryIsLoggedAndTheOperationGoesOn)
-{
-    device->SetMemLogging(true);
-    struct Case {
-        uint16_t code;
-        std::vector<uint8_t> data;
-    } cases[] = {{0x2005, {}}, {0x2001, std::vector<uint8_t>(20, 1)}};
-    for (const Case& c : cases) {
-        PtpReply reply;
-        reply.responseCode = c.code;
-        reply.hasData = c.code == 0x2001;
-        reply.data = c.data;
-        camera->SetVendorHandler(PTP_BASEMOD_ReadMem, [reply](const PtpCommand&) { return reply; });
-        LogMark mark;
-        ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(Card().Find("IMG_0004.JPG")), Local("c.jpg")), QK_OK);
-        EXPECT_EQ(mark.Count("PTP_BASEMOD_ReadMem failed", "ERR"), 1);
-        EXPECT_EQ(mark.Count("memory: after PTP_OC_GetObject"), 0);
+    // Unreadable memory, refused or shorter than its nine words, is logged and the operation goes on.
+    for (const PtpReply& reply : {qksim::RefusalReply(0x2005), qksim::DataReply(std::vector<uint8_t>(20, 1))}) {
+        AnswerVendor(PTP_BASEMOD_ReadMem, reply);
+        LogMark failed;
+        ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(Card().Find("IMG_0001.JPG")), Local("c.jpg")), QK_OK);
+        EXPECT_EQ(failed.Count("PTP_BASEMOD_ReadMem failed", "ERR"), 1);
+        EXPECT_EQ(failed.Count("memory: after PTP_OC_GetObject"), 0);
     }
 }
 

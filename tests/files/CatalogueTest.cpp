@@ -10,8 +10,10 @@
 namespace {
 
 using qksim::CameraCard;
+using qksim::DataReply;
 using qksim::PtpCommand;
 using qksim::PtpReply;
+using qksim::WordsReply;
 using qktest::LogMark;
 
 class Catalogue : public qktest::CardCameraTest {
@@ -25,20 +27,6 @@ protected:
         if (files)
             device->FreePointer(files);
         return copy;
-    }
-    void Answer(uint16_t code, std::vector<uint8_t> data)
-    {
-        PtpReply reply;
-        reply.hasData = true;
-        reply.data = std::move(data);
-        camera->SetOperationHandler(code, [reply](const PtpCommand&) { return reply; });
-    }
-    static std::vector<uint8_t> Words(std::vector<uint32_t> words)
-    {
-        std::vector<uint8_t> bytes;
-        for (uint32_t w : words)
-            qksim::PutLe32(bytes, w);
-        return bytes;
     }
     // An ObjectInfo of `size` bytes whose Filename has this count byte and
     // these 16-bit characters.
@@ -63,7 +51,7 @@ protected:
     }
 };
 
-TEST_F(Catalogue, FreshCardListsPicturesAndMoviesInTheCamerasOrder)
+TEST_F(Catalogue, FreshCardListsPicturesAndMoviesInTheCamerasOrderWithTheirExtension)
 {
     ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
     const std::vector<QKFileInfo> files = FileList();
@@ -88,10 +76,8 @@ TEST_F(Catalogue, FreshCardListsPicturesAndMoviesInTheCamerasOrder)
     ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
     EXPECT_EQ(device->LatestFileId(), -1);
     EXPECT_EQ(mark.Count("Latest file ID: -1", "DEB"), 1);
-}
 
-TEST_F(Catalogue, OnlyNamesLongerThanTheirJpgOrMovExtensionEnter)
-{
+    // Only names longer than their JPG or MOV extension enter.
     Card().Clear();
     const uint32_t dcim = Card().AddFolder("DCIM");
     for (const char* name : {"IMG_0001.JPG", "img_0001.jpg", "MVI_0002.MoV", "A.JPG", ".jpg", "IMG_0001.CR2",
@@ -153,12 +139,8 @@ TEST_F(Catalogue, NamesAreLowBytesCutAt127AndZeroFilled)
         {h3, InfoWithName(33, 9, {'A', 'B', 0x0100, 'C', '.', 'j', 'p', 'g', 0})},
         {h4, InfoWithName(44, 0, {})},
     };
-    camera->SetOperationHandler(PTP_OC_GetObjectInfo, [infos](const PtpCommand& c) {
-        PtpReply reply;
-        reply.hasData = true;
-        reply.data = infos.at(c.params.at(0));
-        return reply;
-    });
+    camera->SetOperationHandler(PTP_OC_GetObjectInfo,
+                                [infos](const PtpCommand& c) { return DataReply(infos.at(c.params.at(0))); });
     std::vector<QKFileInfo> files;
     ASSERT_EQ(device->PTPGetFilesInfo(&files), QK_OK);
     ASSERT_EQ(files.size(), 4u);
@@ -177,70 +159,60 @@ TEST_F(Catalogue, NamesAreLowBytesCutAt127AndZeroFilled)
     EXPECT_EQ(Names(device->Objects()), std::vector<std::wstring>{strToWstr(longName.substr(0, 127))});
 }
 
-TEST_F(Catalogue, RepliesShorterThanTheyClaimFailTheRebuildAndKeepTheCatalogue)
+TEST_F(Catalogue, FailedOrShortRepliesFailTheRebuildAndKeepTheCatalogue)
 {
     ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
     const std::vector<QKFileInfo> before = device->Objects();
     const int latestBefore = device->LatestFileId();
-    const uint32_t first = Card().Find("IMG_0001.JPG");
+    const int32_t first = static_cast<int32_t>(Card().Find("IMG_0001.JPG"));
+    // A new file the failing rebuilds gather and then drop.
+    const uint32_t added = Card().AddFile("IMG_0005.JPG", {5, 5, 5});
+    const uint32_t cr2 = Card().Find("IMG_0003.CR2");
+    int cr2Position = 0;
+    while (Card().Objects()[cr2Position++].handle != cr2) {
+    }
 
     struct Case {
         const char* what;
-        uint16_t code;
-        std::vector<uint8_t> data;
+        uint16_t code; // 0: the camera refuses the ObjectInfo of the CR2 file
+        PtpReply reply;
         const char* message;
+        int objectInfos; // asked before the walk stops
     } cases[] = {
-        {"no storage", PTP_OC_GetStorageIDs, Words({0}), "PTP_OC_GetStorageIDs failed"},
-        {"storage count without id", PTP_OC_GetStorageIDs, Words({1}), "PTP_OC_GetStorageIDs failed"},
-        {"empty handle reply", PTP_OC_GetObjectHandles, {}, "PTP_OC_GetObjectHandles failed"},
-        {"fewer handles than counted", PTP_OC_GetObjectHandles, Words({3, first, first}),
-         "PTP_OC_GetObjectHandles failed"},
-        {"ObjectInfo without Filename", PTP_OC_GetObjectInfo, std::vector<uint8_t>(52, 0),
-         "PTP_OC_GetObjectInfo failed"},
-        {"Filename past the end", PTP_OC_GetObjectInfo, InfoWithName(5, 10, Chars("ABCD")),
-         "PTP_OC_GetObjectInfo failed"},
+        {"no storage", PTP_OC_GetStorageIDs, WordsReply({0}), "PTP_OC_GetStorageIDs failed", 0},
+        {"storage count without id", PTP_OC_GetStorageIDs, WordsReply({1}), "PTP_OC_GetStorageIDs failed", 0},
+        {"empty handle reply", PTP_OC_GetObjectHandles, DataReply({}), "PTP_OC_GetObjectHandles failed", 0},
+        {"fewer handles than counted", PTP_OC_GetObjectHandles, WordsReply({3, first, first}),
+         "PTP_OC_GetObjectHandles failed", 0},
+        {"ObjectInfo without Filename", PTP_OC_GetObjectInfo, DataReply(std::vector<uint8_t>(52, 0)),
+         "PTP_OC_GetObjectInfo failed", 1},
+        {"Filename past the end", PTP_OC_GetObjectInfo, DataReply(InfoWithName(5, 10, Chars("ABCD"))),
+         "PTP_OC_GetObjectInfo failed", 1},
+        {"one ObjectInfo refused", 0, {}, "PTP_OC_GetObjectInfo failed", cr2Position},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        Answer(c.code, c.data);
+        if (c.code)
+            Answer(c.code, c.reply);
+        else
+            Card().FailObjectInfo(cr2, qksim::ptp::RC_AccessDenied);
+        camera->ClearRecords();
         LogMark mark;
         EXPECT_EQ(device->PTPUpdateObjectsInfo(), QK_ERROR);
         EXPECT_EQ(mark.Count(c.message, "ERR"), 1);
         EXPECT_EQ(mark.Count("PTPGetFilesInfo failed", "ERR"), 1);
+        EXPECT_EQ(Sent(PTP_OC_GetObjectInfo), c.objectInfos);
         EXPECT_EQ(Names(device->Objects()), Names(before));
         EXPECT_EQ(device->LatestFileId(), latestBefore);
         EXPECT_EQ(Names(FileList()), Names(before));
-        camera->SetOperationHandler(c.code, nullptr);
+        if (c.code)
+            camera->SetOperationHandler(c.code, nullptr);
+        else
+            Card().FailObjectInfo(cr2, 0);
     }
-    // Back to a well-behaved camera, the next rebuild works.
-    EXPECT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
-}
-
-TEST_F(Catalogue, OneFailingObjectInfoDropsWhatWasGathered)
-{
+    // Back to a well-behaved camera, the next rebuild works and finds the new file.
     ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
-    const std::vector<QKFileInfo> before = device->Objects();
-    Card().AddFile("IMG_0005.JPG", {5, 5, 5});
-    const uint32_t bad = Card().Find("IMG_0003.CR2");
-    Card().FailObjectInfo(bad, qksim::ptp::RC_AccessDenied);
-    camera->ClearRecords();
-    LogMark mark;
-    EXPECT_EQ(device->PTPUpdateObjectsInfo(), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_OC_GetObjectInfo failed", "ERR"), 1);
-    EXPECT_EQ(mark.Count("PTPGetFilesInfo failed", "ERR"), 1);
-    // The walk stops at the failing object.
-    int position = 0;
-    for (const auto& object : Card().Objects()) {
-        ++position;
-        if (object.handle == bad)
-            break;
-    }
-    EXPECT_EQ(Sent(PTP_OC_GetObjectInfo), position);
-    EXPECT_EQ(Names(device->Objects()), Names(before));
-
-    Card().FailObjectInfo(bad, 0);
-    ASSERT_EQ(device->PTPUpdateObjectsInfo(), QK_OK);
-    EXPECT_EQ(device->LatestFileId(), static_cast<int>(Card().Find("IMG_0005.JPG")));
+    EXPECT_EQ(device->LatestFileId(), static_cast<int>(added));
 }
 
 TEST_F(Catalogue, At5120ObjectsTheListIsTakenAndAboveItRefused)

@@ -37,7 +37,7 @@ protected:
     }
 };
 
-TEST_F(Download, CardPictureArrivesWholeAndReplacesTheLocalFile)
+TEST_F(Download, CardFilesArriveWholeChunkByChunkAndReplaceTheLocalFile)
 {
     const uint32_t handle = Card().Find("IMG_0001.JPG");
     const std::vector<uint8_t> onCard = Card().Content(handle);
@@ -61,18 +61,15 @@ TEST_F(Download, CardPictureArrivesWholeAndReplacesTheLocalFile)
     EXPECT_EQ(mark.Count("download rate:"), 1);
     ExpectFiniteFigures(mark);
     EXPECT_EQ(Sent(PTP_OC_GetObject), 1);
-}
 
-TEST_F(Download, SeveralMebibytesStreamChunkByChunk)
-{
-    const size_t size = 3 * 0x100000 + 777;
-    const uint32_t handle = Card().AddFile("MVI_0100.MOV", Pattern(size, 9));
-    LogMark mark;
-    ASSERT_EQ(Fetch(handle, Local("movie.mov")), QK_OK);
-    EXPECT_EQ(ReadFile(Local("movie.mov")), Card().Content(handle));
+    // Several mebibytes stream chunk by chunk.
+    const uint32_t movie = Card().AddFile("MVI_0100.MOV", Pattern(3 * 0x100000 + 777, 9));
+    LogMark chunks;
+    ASSERT_EQ(Fetch(movie, Local("movie.mov")), QK_OK);
+    EXPECT_EQ(ReadFile(Local("movie.mov")), Card().Content(movie));
     // 1 MiB + 500, 1 MiB, 1 MiB, then the rest.
-    EXPECT_EQ(mark.Count("PTPDownloadFile: write chunk", "DEB"), 4);
-    EXPECT_EQ(mark.Count("PTPDownloadFile: final chunk", "DEB"), 1);
+    EXPECT_EQ(chunks.Count("PTPDownloadFile: write chunk", "DEB"), 4);
+    EXPECT_EQ(chunks.Count("PTPDownloadFile: final chunk", "DEB"), 1);
 }
 
 TEST_F(Download, EmptyObjectGivesAnEmptyFile)
@@ -103,17 +100,13 @@ TEST_F(Download, EmptyObjectGivesAnEmptyFile)
     }
 }
 
-TEST_F(Download, PathThatCannotBeOpenedSendsNothing)
+TEST_F(Download, UnopenablePathSendsNothingAndUnknownHandleLeavesAnEmptyFile)
 {
     LogMark mark;
     EXPECT_EQ(Fetch(Card().Find("IMG_0001.JPG"), Local("no/such/dir/x.jpg")), QK_ERROR);
     EXPECT_EQ(mark.Count("PTPDownloadFile: output file opening failed", "ERR"), 1);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
-}
 
-TEST_F(Download, HandleTheCameraDoesNotKnowLeavesAnEmptyFile)
-{
-    LogMark mark;
     EXPECT_EQ(Fetch(0x7FFF0000, Local("ghost.jpg")), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), 1);
     EXPECT_TRUE(Exists(Local("ghost.jpg")));
@@ -135,28 +128,29 @@ TEST_F(Download, FullDiskFailsDrainsTheDataAndKeepsTheLinkInStep)
     EXPECT_EQ(ReadFile(Local("after-full.jpg")), Card().Content(small));
 }
 
-TEST_F(Download, GeneralErrorAfterTheDataRewritesTheFileFromTheStart)
+TEST_F(Download, GeneralErrorsAfterTheDataRewriteTheFileAndNeverLeaveItTwice)
 {
-    const uint32_t handle = Card().AddFile("MVI_0400.MOV", Pattern(2 * 0x100000 + 99, 4));
-    Card().GeneralErrorAfterData(handle, 1);
-    LogMark mark;
-    ASSERT_EQ(Fetch(handle, Local("retried.mov")), QK_OK);
-    EXPECT_EQ(ReadFile(Local("retried.mov")), Card().Content(handle));
-    EXPECT_EQ(mark.Count("PTP General Error. Retry 0", "ERR"), 1);
-    EXPECT_EQ(mark.Count("data sent again, output rewritten from the start", "INF"), 1);
-    EXPECT_EQ(Sent(PTP_OC_GetObject), 2);
-    EXPECT_EQ(mark.Count("size: " + std::to_string(Card().Content(handle).size()) + " bytes"), 1);
-}
-
-TEST_F(Download, ThreeGeneralErrorsFailButNeverLeaveTheDataTwice)
-{
-    const uint32_t handle = Card().AddFile("IMG_0500.JPG", Pattern(0x100000 + 5000, 6));
-    Card().GeneralErrorAfterData(handle, 3);
-    LogMark mark;
-    EXPECT_EQ(Fetch(handle, Local("thrice.jpg")), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP General Error. Retry", "ERR"), 3);
-    EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), 1);
-    EXPECT_EQ(ReadFile(Local("thrice.jpg")), Card().Content(handle));
+    struct Case {
+        int errors;
+        size_t size;
+        QKResult result;
+        int requests; // each one after the first rewrites the file
+    } cases[] = {{1, 2 * 0x100000 + 99, QK_OK, 2}, {3, 0x100000 + 5000, QK_ERROR, 3}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.errors);
+        const uint32_t handle = Card().AddFile("MVI_0400.MOV", Pattern(c.size, static_cast<uint8_t>(c.errors)));
+        Card().GeneralErrorAfterData(handle, c.errors);
+        camera->ClearRecords();
+        LogMark mark;
+        EXPECT_EQ(Fetch(handle, Local("retried.mov")), c.result);
+        EXPECT_EQ(ReadFile(Local("retried.mov")), Card().Content(handle));
+        EXPECT_EQ(mark.Count("PTP General Error. Retry", "ERR"), c.errors);
+        EXPECT_EQ(mark.Count("PTP General Error. Retry 0", "ERR"), 1);
+        EXPECT_EQ(mark.Count("data sent again, output rewritten from the start", "INF"), c.requests - 1);
+        EXPECT_EQ(Sent(PTP_OC_GetObject), c.requests);
+        EXPECT_EQ(mark.Count("PTP_OC_GetObject failed", "ERR"), c.result == QK_OK ? 0 : 1);
+        EXPECT_EQ(mark.Count("size: " + std::to_string(c.size) + " bytes"), c.result == QK_OK ? 1 : 0);
+    }
 }
 
 TEST_F(Download, TransferBrokenMidFileKeepsWhatArrived)
@@ -198,18 +192,13 @@ TEST_F(Download, RemovedFileLeavesCardAndCatalogue)
     EXPECT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_OC_DeleteObject failed", "ERR"), 1);
     EXPECT_EQ(Sent(PTP_OC_GetStorageIDs), 0);
-}
 
-TEST_F(Download, RemovalWhoseRebuildFailsStillRemoves)
-{
-    const uint32_t handle = Card().Find("IMG_0001.JPG");
-    qksim::PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetOperationHandler(PTP_OC_GetStorageIDs, [refused](const qksim::PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(device->PTPRemoveFile(static_cast<int>(handle)), QK_ERROR);
+    // A removal whose rebuild fails still removes.
+    const uint32_t other = Card().Find("IMG_0001.JPG");
+    Answer(PTP_OC_GetStorageIDs, qksim::RefusalReply(0x2005));
+    EXPECT_EQ(device->PTPRemoveFile(static_cast<int>(other)), QK_ERROR);
     EXPECT_EQ(mark.Count("PTPUpdateObjectsInfo() failed", "ERR"), 1);
-    EXPECT_FALSE(Card().Has(handle));
+    EXPECT_FALSE(Card().Has(other));
 }
 
 TEST_F(Download, CleanCardKeepsNumbersBelowTenAndOtherNames)
@@ -240,24 +229,15 @@ TEST_F(Download, CleanCardKeepsNumbersBelowTenAndOtherNames)
     ASSERT_EQ(device->PTPCleanCard(), QK_OK);
     EXPECT_EQ(Sent(PTP_OC_GetStorageIDs), 1);
     EXPECT_EQ(Sent(PTP_OC_DeleteObject), 0);
-}
 
-TEST_F(Download, CleanCardStopsAtTheFirstRemovalThatFails)
-{
-    Card().Clear();
+    // The clean stops at the first removal that fails.
     const uint32_t first = Card().AddFile("IMG_0010.JPG", {1});
     const uint32_t second = Card().AddFile("IMG_0011.JPG", {1});
     const uint32_t third = Card().AddFile("IMG_0012.JPG", {1});
     qksim::CameraCard& card = Card();
     camera->SetOperationHandler(PTP_OC_DeleteObject, [&card, second](const qksim::PtpCommand& c) {
-        qksim::PtpReply reply;
-        if (c.params.at(0) == second)
-            reply.responseCode = qksim::ptp::RC_AccessDenied;
-        else
-            reply = card.DeleteObject(c);
-        return reply;
+        return c.params.at(0) == second ? qksim::RefusalReply(qksim::ptp::RC_AccessDenied) : card.DeleteObject(c);
     });
-    LogMark mark;
     EXPECT_EQ(device->PTPCleanCard(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTPRemoveFile failed: " + std::to_string(second), "ERR"), 1);
     EXPECT_FALSE(Card().Has(first));
