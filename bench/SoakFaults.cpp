@@ -1,11 +1,11 @@
 // The soak's faults: what each kind does to the virtual camera, and how
 // the camera is left in order after one.
 
-#include <cstring>
 
 #include "bench/SoakCamera.h"
 #include "sim/CameraSettings.h"
 #include "sim/CameraShutter.h"
+#include "sim/PtpContainer.h"
 
 namespace soak {
 
@@ -21,16 +21,6 @@ constexpr Weight faultWeights[] = {
     {Fault::Stall, 8},  {Fault::GeneralError, 6}, {Fault::Malformed, 8},
     {Fault::HugeLength, 2}, {Fault::TimeOut, 2},  {Fault::Unplug, 1},
 };
-
-std::vector<uint8_t> Container(uint32_t length, uint16_t type, uint16_t code, uint32_t transId, size_t bytes)
-{
-    std::vector<uint8_t> c(bytes, 0);
-    std::memcpy(c.data(), &length, 4);
-    std::memcpy(c.data() + 4, &type, 2);
-    std::memcpy(c.data() + 6, &code, 2);
-    std::memcpy(c.data() + 8, &transId, 4);
-    return c;
-}
 
 constexpr uint16_t dataType = 2, responseType = 3, vendorCode = 0x9999, okCode = 0x2001;
 
@@ -74,14 +64,14 @@ void CameraWorker::Arm(Fault fault, uint64_t draw)
         std::vector<uint8_t> raw;
         switch (pick(3)) {
         case 0: // a response shorter than its own header
-            raw = Container(8, responseType, okCode, nextTransId, 12);
+            raw = qksim::MakeRawHeader(8, responseType, okCode, nextTransId, 12);
             break;
         case 1: // a container of no known type
-            raw = Container(12, 9, okCode, nextTransId, 12);
+            raw = qksim::MakeRawHeader(12, 9, okCode, nextTransId, 12);
             break;
         default: { // a reply of two bytes where words or a file belong
-            raw = Container(14, dataType, vendorCode, nextTransId, 14);
-            const std::vector<uint8_t> response = Container(12, responseType, okCode, nextTransId, 12);
+            raw = qksim::MakeRawHeader(14, dataType, vendorCode, nextTransId, 14);
+            const std::vector<uint8_t> response = qksim::MakeRawHeader(12, responseType, okCode, nextTransId, 12);
             raw.insert(raw.end(), response.begin(), response.end());
         }
         }
@@ -90,7 +80,7 @@ void CameraWorker::Arm(Fault fault, uint64_t draw)
     }
     case Fault::HugeLength:
         camera->SilenceNext(1);
-        camera->QueueRawIn(Container(0xFFFFFFF0u, dataType, vendorCode, nextTransId, 12));
+        camera->QueueRawIn(qksim::MakeRawHeader(0xFFFFFFF0u, dataType, vendorCode, nextTransId, 12));
         break;
     case Fault::Unplug:
         camera->Unplug();

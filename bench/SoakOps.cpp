@@ -18,13 +18,7 @@ namespace soak {
 
 namespace {
 
-std::string Narrow(const std::wstring& text)
-{
-    std::string out;
-    for (wchar_t c : text)
-        out.push_back(c > 0 && c < 128 ? static_cast<char>(c) : '?');
-    return out;
-}
+std::string Narrow(const std::wstring& text) { return wstrToStr(text); }
 
 std::string Returned(const std::string& call, QKResult result)
 {

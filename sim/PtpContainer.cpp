@@ -41,6 +41,19 @@ std::vector<uint8_t> MakeContainer(uint16_t type, uint16_t code, uint32_t transI
     return out;
 }
 
+std::vector<uint8_t> MakeRawHeader(uint32_t length, uint16_t type, uint16_t code, uint32_t transId,
+                                   size_t bytes)
+{
+    std::vector<uint8_t> out;
+    PutLe32(out, length);
+    PutLe16(out, type);
+    PutLe16(out, code);
+    PutLe32(out, transId);
+    if (bytes > out.size())
+        out.resize(bytes, 0);
+    return out;
+}
+
 std::vector<uint8_t> MakeParamContainer(uint16_t type, uint16_t code, uint32_t transId,
                                         const std::vector<uint32_t>& params)
 {

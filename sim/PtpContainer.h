@@ -75,6 +75,10 @@ void PutLe32(std::vector<uint8_t>& out, uint32_t value);
 // A whole container: the header, then `payload`.
 std::vector<uint8_t> MakeContainer(uint16_t type, uint16_t code, uint32_t transId,
                                    const std::vector<uint8_t>& payload);
+// A header announcing `length` bytes in all, whatever follows it: for replies
+// of a broken camera. Zeros after it make it `bytes` long, if that is more.
+std::vector<uint8_t> MakeRawHeader(uint32_t length, uint16_t type, uint16_t code, uint32_t transId,
+                                   size_t bytes = 12);
 // A response (or command) container carrying 32-bit parameters.
 std::vector<uint8_t> MakeParamContainer(uint16_t type, uint16_t code, uint32_t transId,
                                         const std::vector<uint32_t>& params);

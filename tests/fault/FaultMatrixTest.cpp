@@ -11,6 +11,7 @@
 
 #include "sim/CameraLens.h"
 #include "sim/CameraSettings.h"
+#include "sim/PtpContainer.h"
 #include "tests/common/CardCameraTest.h"
 
 namespace {
@@ -74,17 +75,6 @@ public:
     std::shared_ptr<MatrixCamera> matrix;
 };
 
-// A container header alone: the body it announces never comes.
-std::vector<uint8_t> Header(uint32_t length, uint16_t type, uint16_t code, uint32_t transId)
-{
-    std::vector<uint8_t> bytes(12);
-    std::memcpy(bytes.data(), &length, 4);
-    std::memcpy(bytes.data() + 4, &type, 2);
-    std::memcpy(bytes.data() + 6, &code, 2);
-    std::memcpy(bytes.data() + 8, &transId, 4);
-    return bytes;
-}
-
 const Fault faults[] = {
     // Five stalls outlast the transport's halt clearing; the camera's answer stays queued.
     {"Stall", [](qksim::VirtualCamera& c, uint16_t, uint32_t) { c.StallNext(0x81, 5); }, {"failed: -9"}},
@@ -98,14 +88,14 @@ const Fault faults[] = {
     {"WrongContainerType",
      [](qksim::VirtualCamera& c, uint16_t code, uint32_t id) {
          c.SilenceNext(1);
-         c.QueueRawIn(Header(12, 4, code, id));
+         c.QueueRawIn(qksim::MakeRawHeader(12, 4, code, id));
      },
      {"GETDATA failed: wrong CONTAINER_DATA", "incorrect response type 4"}},
     // A data header of this transaction announcing nearly 4 GiB, with nothing behind it.
     {"HugeLength",
      [](qksim::VirtualCamera& c, uint16_t code, uint32_t id) {
          c.SilenceNext(1);
-         c.QueueRawIn(Header(0xFFFFFFF0u, 2, code, id));
+         c.QueueRawIn(qksim::MakeRawHeader(0xFFFFFFF0u, 2, code, id));
      },
      {"over the limit", "packed to long", "GETDATA failed: tail data stage"}},
 };

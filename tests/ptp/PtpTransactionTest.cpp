@@ -221,12 +221,7 @@ TEST_F(PtpTransactionTest, ResultGoesBeforeCallbackAndNeitherIsAnError)
 std::vector<uint8_t> Container(uint32_t length, uint16_t type, uint16_t code, size_t bytes,
                                uint32_t transId = 0)
 {
-    std::vector<uint8_t> c(bytes, 0);
-    std::memcpy(c.data(), &length, 4);
-    std::memcpy(c.data() + 4, &type, 2);
-    std::memcpy(c.data() + 6, &code, 2);
-    std::memcpy(c.data() + 8, &transId, 4);
-    return c;
+    return qksim::MakeRawHeader(length, type, code, transId, bytes);
 }
 
 struct Malformed {
