@@ -3,6 +3,8 @@
 
 #include "sim/UsbfsDevice.h"
 
+#include "sim/HandOver.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -26,6 +28,7 @@ void UsbfsDevice::OnConnectedSignal(UMockdevIoctlBase*, UMockdevIoctlClient* cli
     // watching that lets its URBs and claim go at once. The change may be
     // noticed while completing a request, with the lock held: act on it from
     // the worker's loop.
+    TakeOver(self);
     auto* device = new std::weak_ptr<UsbfsDevice>(*static_cast<std::shared_ptr<UsbfsDevice>*>(self));
     g_signal_connect_data(
         client, "notify::connected",
@@ -146,14 +149,20 @@ void UsbfsDevice::Wake()
     if (!worker)
         return; // no client has spoken yet, so none waits
     GSource* idle = g_idle_source_new();
+    auto* self = new std::shared_ptr<UsbfsDevice>(shared_from_this());
     g_source_set_callback(
         idle,
         [](gpointer data) -> gboolean {
+            TakeOver(data);
             (*static_cast<std::shared_ptr<UsbfsDevice>*>(data))->Pump();
             return G_SOURCE_REMOVE;
         },
-        new std::shared_ptr<UsbfsDevice>(shared_from_this()),
-        [](gpointer data) { delete static_cast<std::shared_ptr<UsbfsDevice>*>(data); });
+        self,
+        [](gpointer data) {
+            TakeOver(data);
+            delete static_cast<std::shared_ptr<UsbfsDevice>*>(data);
+        });
+    HandOver(self);
     g_source_attach(idle, worker);
     g_source_unref(idle);
 }

@@ -1,5 +1,7 @@
 #include "sim/UsbfsDevice.h"
 
+#include "sim/HandOver.h"
+
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 
@@ -85,16 +87,25 @@ void UsbfsDevice::Fail(UMockdevIoctlClient* client, int error)
 UMockdevIoctlBase* UsbfsDevice::MakeHandler()
 {
     UMockdevIoctlBase* handler = umockdev_ioctl_base_new();
-    auto release = [](gpointer data, GClosure*) { delete static_cast<std::shared_ptr<UsbfsDevice>*>(data); };
-    g_signal_connect_data(handler, "handle-ioctl", G_CALLBACK(OnIoctlSignal),
-                          new std::shared_ptr<UsbfsDevice>(shared_from_this()), release, GConnectFlags(0));
-    g_signal_connect_data(handler, "client-connected", G_CALLBACK(OnConnectedSignal),
-                          new std::shared_ptr<UsbfsDevice>(shared_from_this()), release, GConnectFlags(0));
+    auto release = [](gpointer data, GClosure*) {
+        TakeOver(data);
+        delete static_cast<std::shared_ptr<UsbfsDevice>*>(data);
+    };
+    // The worker calls these, and drops them, once the node is served.
+    auto* onIoctl = new std::shared_ptr<UsbfsDevice>(shared_from_this());
+    auto* onConnected = new std::shared_ptr<UsbfsDevice>(shared_from_this());
+    HandOver(onIoctl);
+    HandOver(onConnected);
+    g_signal_connect_data(handler, "handle-ioctl", G_CALLBACK(OnIoctlSignal), onIoctl, release,
+                          GConnectFlags(0));
+    g_signal_connect_data(handler, "client-connected", G_CALLBACK(OnConnectedSignal), onConnected,
+                          release, GConnectFlags(0));
     return handler;
 }
 
 gboolean UsbfsDevice::OnIoctlSignal(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self)
 {
+    TakeOver(self);
     (*static_cast<std::shared_ptr<UsbfsDevice>*>(self))->HandleIoctl(client);
     return TRUE;
 }

@@ -251,9 +251,19 @@ protected:
 
 // Filling, cutting and splitting of messages, arguments that can't be
 // formatted, and creation requests once the logger exists. Touching the
-// released logger at exit shows as a failed child in the sanitizer build.
+// released logger at exit shows as a failed child in the sanitizer build,
+// run with the options ctest gives each test.
 TEST_F(LoggerTest, MessagesAreLaidOutAsWritten)
 {
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    ASSERT_NE(nullptr, getenv("UBSAN_OPTIONS")) << "not run by ctest, or ctest lost the test environment";
+#elif __has_feature(thread_sanitizer)
+    const char* options = getenv("TSAN_OPTIONS");
+    ASSERT_NE(std::string::npos, std::string(options ? options : "").find("suppressions="))
+        << "not run by ctest, or ctest lost the test environment";
+#endif
+#endif
     const std::string m69(69, 'a'), m70(70, 'b'), m71(71, 'c'), m300(300, 'd');
     const std::string r4090(4090, 'r');
     struct Row {
