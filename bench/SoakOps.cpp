@@ -18,8 +18,6 @@ namespace soak {
 
 namespace {
 
-std::string Narrow(const std::wstring& text) { return wstrToStr(text); }
-
 std::string Returned(const std::string& call, QKResult result)
 {
     return call + " returned " + std::to_string(static_cast<int>(result));
@@ -60,8 +58,8 @@ bool CameraWorker::OpenSession()
             return Check::Failed(Returned("PTPOpenSession", r));
         if ((r = device->QKMLoadSerialNumber()) != QK_OK)
             return Check::Failed(Returned("QKMLoadSerialNumber", r));
-        if (Narrow(device->GetSerialNumber()) != setup.serial)
-            return Check::Wrong("serial number read as \"" + Narrow(device->GetSerialNumber()) + "\"");
+        if (wstrToStr(device->GetSerialNumber()) != setup.serial)
+            return Check::Wrong("serial number read as \"" + wstrToStr(device->GetSerialNumber()) + "\"");
         if ((r = device->QKMLoadVersion("1.0")) != QK_OK)
             return Check::Failed(Returned("QKMLoadVersion", r));
         if ((r = device->PTPWaitForRecMode()) != QK_OK)
@@ -210,9 +208,9 @@ void CameraWorker::ShootNormal()
         auto onCard = std::find_if(objects.begin(), objects.end(), [&](const qksim::CardObject& o) {
             return reported && static_cast<int>(o.handle) == shot.id;
         });
-        if (onCard == objects.end() || Narrow(shot.name) != onCard->name ||
+        if (onCard == objects.end() || wstrToStr(shot.name) != onCard->name ||
             static_cast<uint32_t>(shot.size) != onCard->Size())
-            return Check::Wrong(reported ? "shot reported as " + Narrow(shot.name) + " (" + std::to_string(shot.id) +
+            return Check::Wrong(reported ? "shot reported as " + wstrToStr(shot.name) + " (" + std::to_string(shot.id) +
                                                ", " + std::to_string(shot.size) + " bytes), not so on the card"
                                          : "shot completed without a file");
         return Check{};
