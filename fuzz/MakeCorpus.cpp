@@ -13,54 +13,30 @@
 #include <vector>
 
 #include "fuzz/CameraFamilies.h"
-#include "sim/CameraCard.h"
-#include "sim/CameraLens.h"
-#include "sim/CameraMemory.h"
-#include "sim/CameraOperations.h"
-#include "sim/CameraPreview.h"
-#include "sim/CameraSettings.h"
-#include "sim/CameraShutter.h"
-#include "sim/PtpResponder.h"
+#include "sim/VirtualCameraImpl.h"
 
 using namespace qksim;
 
 namespace {
 
-// The parts of a virtual camera without its bus.
-struct SimCamera {
-    explicit SimCamera(const std::string& model)
-        : settings(std::make_shared<CameraSettings>(model, Product(model))),
-          memory(std::make_shared<CameraMemory>(model))
+// A virtual camera that is never put on a bus: the engine talks to its
+// responder directly, through RecordingUsb. Its card starts empty.
+struct SimCamera : VirtualCameraImpl {
+    explicit SimCamera(const std::string& model) : VirtualCameraImpl(Setup(model)) { Card().Clear(); }
+    static CameraSetup Setup(const std::string& model)
     {
         CameraSetup setup;
         setup.model = model;
-        setup.product = Product(model);
-        InstallCameraOperations(*responder, setup);
-        InstallSettingsOperations(*responder, settings);
-        InstallCardOperations(*responder, card);
-        InstallShutterOperations(*responder, shutter, *settings);
-        InstallMemoryOperations(*responder, memory);
-        lens = std::make_shared<CameraLens>(model, setup.product, settings);
-        InstallLensOperations(*responder, lens, *settings);
-        InstallPreviewOperations(*responder, preview, memory);
-        card->Clear();
+        setup.product = "QK Virtual Camera " + model;
+        return setup;
     }
-    static std::string Product(const std::string& model) { return "QK Virtual Camera " + model; }
-
-    std::shared_ptr<PtpResponder> responder = std::make_shared<PtpResponder>();
-    std::shared_ptr<CameraSettings> settings;
-    std::shared_ptr<CameraCard> card = std::make_shared<CameraCard>();
-    std::shared_ptr<CameraShutter> shutter = std::make_shared<CameraShutter>(card);
-    std::shared_ptr<CameraMemory> memory;
-    std::shared_ptr<CameraLens> lens;
-    std::shared_ptr<CameraPreview> preview = std::make_shared<CameraPreview>();
 };
 
 // Answers from the responder, and keeps every byte the engine reads.
 class RecordingUsb : public UsbLib {
 public:
-    RecordingUsb(std::shared_ptr<PtpResponder> responder_, std::wstring product)
-        : UsbLib(UsbLib::EmptyNotify), responder(std::move(responder_)), name(std::move(product))
+    RecordingUsb(PtpResponder& responder_, std::wstring product)
+        : UsbLib(UsbLib::EmptyNotify), responder(responder_), name(std::move(product))
     {
     }
     std::set<std::wstring> GetAllConnectedDevicePaths() override { return {L"recording"}; }
@@ -70,7 +46,7 @@ public:
     bool Write(DataLen* buffer, void*) override
     {
         const uint8_t* bytes = static_cast<const uint8_t*>(buffer->data);
-        for (const auto& container : responder->Receive(std::vector<uint8_t>(bytes, bytes + buffer->len)))
+        for (const auto& container : responder.Receive(std::vector<uint8_t>(bytes, bytes + buffer->len)))
             pending.insert(pending.end(), container.begin(), container.end());
         return true;
     }
@@ -87,7 +63,7 @@ public:
     std::vector<uint8_t> recorded;
 
 private:
-    std::shared_ptr<PtpResponder> responder;
+    PtpResponder& responder;
     std::wstring name;
     std::vector<uint8_t> pending;
     size_t taken = 0;
@@ -107,14 +83,14 @@ constexpr uint8_t Model(int index) { return static_cast<uint8_t>(index << fuzzfl
 
 void SmallCard(SimCamera& camera)
 {
-    camera.card->AddFile("IMG_0001.JPG", FillerBytes(700, 1));
+    camera.Card().AddFile("IMG_0001.JPG", FillerBytes(700, 1));
 }
 
 void SmallShots(SimCamera& camera)
 {
-    camera.shutter->SetShotDuration(0);
-    camera.shutter->SetRemoteReadyDelay(0);
-    camera.shutter->SetPictureSize(16, 16);
+    camera.Shutter().SetShotDuration(0);
+    camera.Shutter().SetRemoteReadyDelay(0);
+    camera.Shutter().SetPictureSize(16, 16);
 }
 
 const Seed seeds[] = {
@@ -123,30 +99,30 @@ const Seed seeds[] = {
     {"session-sx170", Family::Session, Model(3), [](SimCamera&) {}},
     {"catalogue", Family::Catalogue, 0,
      [](SimCamera& c) {
-         c.card->AddFile("IMG_0001.JPG", FillerBytes(300, 1));
-         c.card->AddFile("IMG_0012.JPG", FillerBytes(200, 2));
-         c.card->AddFile("IMG_0013.CR2", FillerBytes(100, 3));
+         c.Card().AddFile("IMG_0001.JPG", FillerBytes(300, 1));
+         c.Card().AddFile("IMG_0012.JPG", FillerBytes(200, 2));
+         c.Card().AddFile("IMG_0013.CR2", FillerBytes(100, 3));
      }},
     {"download", Family::Download, 0, SmallCard},
     {"download-retry", Family::Download, 0,
      [](SimCamera& c) {
          SmallCard(c);
-         c.card->GeneralErrorAfterData(c.card->Find("IMG_0001.JPG"), 1);
+         c.Card().GeneralErrorAfterData(c.Card().Find("IMG_0001.JPG"), 1);
      }},
     {"download-logging-a810", Family::Download, Model(2) | logging, SmallCard},
-    {"preview", Family::Preview, 0, [](SimCamera& c) { c.preview->SetSettings(PreviewSettings::Sized(16, 8)); }},
+    {"preview", Family::Preview, 0, [](SimCamera& c) { c.Preview().SetSettings(PreviewSettings::Sized(16, 8)); }},
     // Wide enough for the vector kernels.
     {"preview-height180", Family::Preview, 0,
-     [](SimCamera& c) { c.preview->SetSettings(PreviewSettings::Height180(64, 48)); }},
+     [](SimCamera& c) { c.Preview().SetSettings(PreviewSettings::Height180(64, 48)); }},
     {"direct-shot", Family::DirectShot, 0,
      [](SimCamera& c) {
          SmallShots(c);
-         c.shutter->SetRemoteChunking(256, true);
+         c.Shutter().SetRemoteChunking(256, true);
      }},
     {"direct-shot-logging", Family::DirectShot, logging, SmallShots},
     {"normal-shot", Family::NormalShot, 0, SmallShots},
-    {"diagnostics", Family::Diagnostics, 0, [](SimCamera& c) { c.shutter->SetCameraLog("lens ok\n"); }},
-    {"lens", Family::Lens, 0, [](SimCamera& c) { c.lens->SetZoomTimePerPosition(std::chrono::milliseconds(0)); }},
+    {"diagnostics", Family::Diagnostics, 0, [](SimCamera& c) { c.Shutter().SetCameraLog("lens ok\n"); }},
+    {"lens", Family::Lens, 0, [](SimCamera& c) { c.Lens().SetZoomTimePerPosition(std::chrono::milliseconds(0)); }},
 };
 
 // Transport inputs: reads (options, 16-bit length) and the transfers they cause.
@@ -188,7 +164,7 @@ int main(int argc, char** argv)
     for (const Seed& seed : seeds) {
         SimCamera camera(models[(seed.flags >> fuzzflags::modelShift) & 3]);
         seed.prepare(camera);
-        auto usb = std::make_shared<RecordingUsb>(camera.responder, FamilyProduct(seed.flags));
+        auto usb = std::make_shared<RecordingUsb>(camera.Responder(), FamilyProduct(seed.flags));
         RunCameraFamily(seed.family, seed.flags, usb, download);
         std::vector<uint8_t> input = {static_cast<uint8_t>(seed.family), seed.flags};
         input.insert(input.end(), usb->recorded.begin(), usb->recorded.end());
