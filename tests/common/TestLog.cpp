@@ -20,7 +20,8 @@ const std::string& TempDir()
 std::string LogPath() { return TempDir() + "/qkdll.log"; }
 std::string ApiLogPath() { return TempDir() + "/qkdll_api.log"; }
 
-std::string ReadLog()
+// The whole main log as it stands now.
+static std::string ReadLog()
 {
     std::ifstream in(LogPath(), std::ios::binary);
     std::ostringstream text;
@@ -35,8 +36,6 @@ std::string LogMark::Since() const
     std::string all = ReadLog();
     return offset < all.size() ? all.substr(offset) : std::string();
 }
-
-int LogMark::Count(const std::string& text) const { return Count(text, ""); }
 
 int LogMark::Count(const std::string& text, const std::string& type) const
 {

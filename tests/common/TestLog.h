@@ -9,19 +9,14 @@ const std::string& TempDir();
 std::string LogPath();
 std::string ApiLogPath();
 
-// Whole main log as it stands now.
-std::string ReadLog();
-
 // Remembers the end of the main log, so a test reads only its own lines.
 class LogMark {
 public:
     LogMark();
     std::string Since() const;
-    // Number of lines since the mark that contain `text`.
-    int Count(const std::string& text) const;
-    // The same, only lines of one type ("DEB", "INF" or "ERR").
-    int Count(const std::string& text, const std::string& type) const;
-    bool Contains(const std::string& text) const { return Count(text) > 0; }
+    // Number of lines since the mark that contain `text`, of one type
+    // ("DEB", "INF" or "ERR") if one is given.
+    int Count(const std::string& text, const std::string& type = "") const;
 
 private:
     std::size_t offset;

@@ -21,14 +21,18 @@ protected:
         qksim::VirtualBus::Instance().RemoveAll();
     }
 
+    // At the next free address unless one is given.
     std::shared_ptr<qksim::VirtualCamera> AddCamera(const std::string& model, const std::string& serial,
-                                                    const std::string& product = "")
+                                                    const std::string& product = "", int address = 0)
     {
         qksim::CameraSetup setup;
         setup.model = model;
         setup.serial = serial;
         setup.product = product;
-        return qksim::VirtualBus::Instance().AddCamera(setup);
+        setup.address = address;
+        auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
+        EXPECT_TRUE(camera) << model << " " << serial;
+        return camera;
     }
 
     // The transport is built after the cameras are on the bus, as a host would.
@@ -41,6 +45,17 @@ protected:
 
     std::shared_ptr<UsbLib> usb;
 };
+
+// Commands as {length, type, code, transaction id, parameters...}, to compare whole.
+inline std::vector<std::vector<uint32_t>> Records(const std::vector<qksim::PtpCommand>& commands)
+{
+    std::vector<std::vector<uint32_t>> records;
+    for (const qksim::PtpCommand& c : commands) {
+        records.push_back({c.length, c.type, c.code, c.transId});
+        records.back().insert(records.back().end(), c.params.begin(), c.params.end());
+    }
+    return records;
+}
 
 inline std::vector<uint8_t> Pattern(size_t size, uint8_t seed)
 {

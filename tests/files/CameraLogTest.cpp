@@ -85,12 +85,10 @@ TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddressOnlyWhenLoggingIsOnAnd
     ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(Card().Find("IMG_0001.JPG")), Local("b.jpg")), QK_OK);
     EXPECT_EQ(MemoryReads(), (std::vector<std::vector<uint32_t>>{{PTP_BASEMOD_ReadMem, 0x10300, 36}}));
     EXPECT_EQ(mark.Count("0x10300 memory: after PTP_OC_GetObject", "DEB"), 1);
-    EXPECT_EQ(mark.Count("start address:   4096"), 1);
-    EXPECT_EQ(mark.Count("total size:      2097152"), 1);
-    EXPECT_EQ(mark.Count("allocated peak:  777"), 1);
-    EXPECT_EQ(mark.Count("allocated size:  555"), 1);
-    EXPECT_EQ(mark.Count("allocated count: 33"), 1);
-    EXPECT_EQ(mark.Count("hex: ffffffff 00001000 00200000 0000000a 0000000b 0000000c 00000309 0000022b 00000021 "), 1);
+    for (const char* line : {"start address:   4096", "total size:      2097152", "allocated peak:  777",
+                             "allocated size:  555", "allocated count: 33",
+                             "hex: ffffffff 00001000 00200000 0000000a 0000000b 0000000c 00000309 0000022b 00000021 "})
+        EXPECT_EQ(mark.Count(line), 1) << line;
 
     // A word of all ones reads -1 where it is shown in decimal.
     camera->Memory().SetStatistics({0, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0});
@@ -107,10 +105,7 @@ TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddressOnlyWhenLoggingIsOnAnd
     }
 }
 
-class MemoryAddress : public qktest::CardCameraTest {
-protected:
-    void SetUp() override {}
-};
+using MemoryAddress = qktest::VirtualCameraTest;
 
 TEST_F(MemoryAddress, EachModelReadsItsOwnRecord)
 {

@@ -1,14 +1,13 @@
 // Downloads against the in-memory camera, which answers at memory speed: a
 // download there often takes less than the clock's millisecond.
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <iterator>
 
 #include "DevicePTP/DevicePTP.h"
 #include "sim/MemoryCamera.h"
 #include "tests/common/TestLog.h"
+#include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
@@ -19,9 +18,7 @@ TEST(MemoryCameraDownload, DownloadFasterThanTheClockShowsFiniteFiguresAndRetrie
     auto memory = std::make_shared<qksim::MemoryCamera>();
     const uint32_t tiny =
         memory->AddFile("IMG_0001.JPG", std::make_shared<const std::vector<uint8_t>>(10, uint8_t{7}));
-    std::vector<uint8_t> bytes(0x100000 * 2 + 1234);
-    for (size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<uint8_t>(i * 31 + (i >> 12));
+    const std::vector<uint8_t> bytes = qktest::Pattern(0x100000 * 2 + 1234, 31);
     const uint32_t movie = memory->AddFile("MVI_0001.MOV", std::make_shared<const std::vector<uint8_t>>(bytes));
     auto device = DevicePTP::build(memory, qksim::MemoryCamera::Path());
     ASSERT_EQ(device->Init(), QK_OK);

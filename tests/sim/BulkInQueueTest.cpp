@@ -2,34 +2,25 @@
 
 #include "sim/BulkInQueue.h"
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cerrno>
-#include <numeric>
+
+#include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
 using qksim::BulkInQueue;
 
-std::vector<uint8_t> Bytes(size_t size)
-{
-    std::vector<uint8_t> out(size);
-    std::iota(out.begin(), out.end(), uint8_t{1});
-    return out;
-}
+std::vector<uint8_t> Bytes(size_t size) { return qktest::Pattern(size, 1); }
 
 // Reads one transfer of `length` bytes; returns what it got.
-std::vector<uint8_t> Take(BulkInQueue& queue, uint32_t length, int* status = nullptr, bool* finished = nullptr)
+std::vector<uint8_t> Take(BulkInQueue& queue, uint32_t length)
 {
     std::vector<uint8_t> buffer(length);
     BulkInQueue::Transfer transfer;
     transfer.buffer = buffer.data();
     transfer.length = length;
-    bool done = queue.Fill(transfer);
-    if (status)
-        *status = transfer.status;
-    if (finished)
-        *finished = done;
+    queue.Fill(transfer);
     buffer.resize(transfer.filled);
     return buffer;
 }
@@ -74,56 +65,53 @@ TEST(BulkInCutting, PacketsCutFromContainersAndRawBytes)
     }
 }
 
-TEST(BulkInTransfer, ShortPacketOrOverflowEndsTransferAndKeepsTheRest)
+TEST(BulkInTransfer, ShortPacketOverflowOrBufferEndEndsTheTransferAndKeepsTheRest)
 {
-    BulkInQueue queue;
-    queue.QueuePackets({Bytes(512), Bytes(30), Bytes(7)});
-    int status = -1;
-    std::vector<uint8_t> got = Take(queue, 4096, &status);
-    EXPECT_EQ(got.size(), 542u);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(got[512], 1);
-    EXPECT_EQ(Take(queue, 4096).size(), 7u);
-
-    queue.QueuePackets({Bytes(100), Bytes(3)});
-    got = Take(queue, 12, &status);
-    EXPECT_EQ(status, -EOVERFLOW);
-    EXPECT_EQ(got, std::vector<uint8_t>(Bytes(12)));
-    // The rest of the babbling packet is lost.
-    EXPECT_EQ(Take(queue, 512).size(), 3u);
-}
-
-TEST(BulkInTransfer, FullOrEmptyBufferEndsTransferWithoutTakingMore)
-{
-    BulkInQueue queue;
-    queue.QueueContainer(Bytes(1024));
-    EXPECT_EQ(Take(queue, 1024).size(), 1024u);
-    EXPECT_EQ(queue.PacketCount(), 1u); // the zero-length packet waits
-    bool finished = false;
-    EXPECT_TRUE(Take(queue, 512, nullptr, &finished).empty());
-    EXPECT_TRUE(finished);
-    EXPECT_TRUE(queue.Empty());
-
-    queue.QueuePackets({Bytes(4)});
-    finished = false;
-    EXPECT_TRUE(Take(queue, 0, nullptr, &finished).empty());
-    EXPECT_TRUE(finished);
-    EXPECT_EQ(queue.PacketCount(), 1u);
-}
-
-TEST(BulkInTransfer, WaitsWhileFullPacketsLeaveRoom)
-{
-    BulkInQueue queue;
-    queue.QueuePackets({Bytes(512)});
-    std::vector<uint8_t> buffer(2048);
-    BulkInQueue::Transfer transfer;
-    transfer.buffer = buffer.data();
-    transfer.length = 2048;
-    EXPECT_FALSE(queue.Fill(transfer));
-    EXPECT_EQ(transfer.filled, 512u);
-    queue.QueuePackets({Bytes(4)});
-    EXPECT_TRUE(queue.Fill(transfer));
-    EXPECT_EQ(transfer.filled, 516u);
+    struct Case {
+        std::vector<size_t> packets;
+        uint32_t length;
+        bool finished;
+        size_t filled;
+        int status;
+        size_t left; // packets still queued: only the last one, whole
+    } cases[] = {
+        {{512, 30, 7}, 4096, true, 542, 0, 1},
+        // The rest of the babbling packet is lost.
+        {{100, 3}, 12, true, 12, -EOVERFLOW, 1},
+        // A full buffer ends it before the zero-length packet, which waits.
+        {{512, 512, 0}, 1024, true, 1024, 0, 1},
+        {{0}, 512, true, 0, 0, 0},
+        {{4}, 0, true, 0, 0, 1},
+        // Full packets leave room: the transfer waits for more.
+        {{512}, 2048, false, 512, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
+        BulkInQueue queue;
+        std::vector<uint8_t> stream;
+        for (size_t size : c.packets) {
+            const std::vector<uint8_t> packet = Bytes(size);
+            queue.QueuePackets({packet});
+            stream.insert(stream.end(), packet.begin(), packet.end());
+        }
+        std::vector<uint8_t> buffer(c.length);
+        BulkInQueue::Transfer transfer;
+        transfer.buffer = buffer.data();
+        transfer.length = c.length;
+        EXPECT_EQ(queue.Fill(transfer), c.finished);
+        EXPECT_EQ(transfer.status, c.status);
+        ASSERT_EQ(transfer.filled, c.filled);
+        EXPECT_TRUE(std::equal(stream.begin(), stream.begin() + static_cast<long>(c.filled), buffer.begin()));
+        ASSERT_EQ(queue.PacketCount(), c.left);
+        if (c.left) {
+            EXPECT_EQ(Take(queue, 4096).size(), c.packets.back());
+        }
+        if (!c.finished) { // the same transfer goes on with the next packet
+            queue.QueuePackets({Bytes(4)});
+            EXPECT_TRUE(queue.Fill(transfer));
+            EXPECT_EQ(transfer.filled, c.filled + 4);
+        }
+    }
 }
 
 } // namespace

@@ -2,9 +2,10 @@
 
 #include "sim/CameraOperations.h"
 #include "sim/PtpContainer.h"
+#include "sim/PtpReplies.h"
 #include "sim/PtpResponder.h"
 
-#include <gtest/gtest.h>
+#include "tests/common/VirtualCameraTest.h"
 
 namespace {
 
@@ -84,20 +85,13 @@ TEST_F(ResponderTest, RecordsEveryCommandAsReceivedSilencedOrNot)
     responder.SilenceNext(1);
     EXPECT_TRUE(responder.Receive(Command(0x9999, 4, {0xA1})).empty());
     EXPECT_EQ(ResponseOnly(Bytes{10, 0, 0, 0, 1, 0}), ptp::RC_InvalidParameter);
-    auto records = responder.ReceivedCommands();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].length, 16u);
-    EXPECT_EQ(records[0].type, 1);
-    EXPECT_EQ(records[0].code, 0x9999);
-    EXPECT_EQ(records[0].transId, 4u);
-    EXPECT_EQ(records[0].params, std::vector<uint32_t>{0xA1});
-    EXPECT_EQ(records[1].length, 10u);
-    EXPECT_EQ(records[1].code, 0);
+    EXPECT_EQ(qktest::Records(responder.ReceivedCommands()),
+              (std::vector<std::vector<uint32_t>>{{16, 1, 0x9999, 4, 0xA1}, {10, 1, 0, 0}}));
     responder.ClearRecords();
     EXPECT_TRUE(responder.ReceivedCommands().empty());
 }
 
-TEST_F(ResponderTest, HandlersReplaceBuiltInAnswersInOrder)
+TEST_F(ResponderTest, HandlersSeeTheCommandAndReplaceBuiltInAnswersInOrder)
 {
     auto answer = [](uint16_t code) {
         return [code](const PtpCommand&) {
@@ -126,20 +120,15 @@ TEST_F(ResponderTest, HandlersReplaceBuiltInAnswersInOrder)
     responder.SetVendorHandler(0xA1, nullptr);
     responder.SetOperationHandler(0x9999, nullptr);
     EXPECT_EQ(responder.Receive(Command(0x9999, 1, {0xA1})).size(), 2u);
-}
 
-TEST_F(ResponderTest, HandlerSeesTheCommand)
-{
+    // A handler sees the command; its empty data phase is a bare header.
     PtpCommand seen;
     responder.SetOperationHandler(0x1016, [&seen](const PtpCommand& command) {
         seen = command;
-        PtpReply reply;
-        reply.hasData = true; // empty data phase
-        return reply;
+        return DataReply({});
     });
-    auto out = responder.Receive(Command(0x1016, 33, {0xD1, 5}));
-    EXPECT_EQ(seen.transId, 33u);
-    EXPECT_EQ(seen.params, (std::vector<uint32_t>{0xD1, 5}));
+    out = responder.Receive(Command(0x1016, 33, {0xD1, 5}));
+    EXPECT_EQ(qktest::Records({seen}), (std::vector<std::vector<uint32_t>>{{20, 1, 0x1016, 33, 0xD1, 5}}));
     ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(out[0], (Bytes{12, 0, 0, 0, 2, 0, 0x16, 0x10, 33, 0, 0, 0}));
 }

@@ -2,16 +2,10 @@
 // Fixture for talking to virtual cameras through plain libusb calls, as any
 // host program would.
 
-#include "sim/PtpContainer.h"
-#include "sim/VirtualBus.h"
-
-#include <gtest/gtest.h>
 #include <libusb-1.0/libusb.h>
 
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
+#include "sim/PtpContainer.h"
+#include "tests/common/VirtualCameraTest.h"
 
 namespace simtest {
 
@@ -29,7 +23,10 @@ inline Bytes Command(uint16_t code, uint32_t transId, const std::vector<uint32_t
     return qksim::MakeParamContainer(qksim::ptp::kCommand, code, transId, params);
 }
 
-class SimBusTest : public ::testing::Test {
+// The vendor operation asking for the serial number, transaction 0.
+const Bytes kSerialRequest{0x10, 0, 0, 0, 1, 0, 0x99, 0x99, 0, 0, 0, 0, 0xA1, 0, 0, 0};
+
+class SimBusTest : public qktest::VirtualCameraTest {
 protected:
     void TearDown() override
     {
@@ -37,19 +34,7 @@ protected:
             libusb_close(handle);
         if (context)
             libusb_exit(context);
-        qksim::VirtualBus::Instance().RemoveAll();
-    }
-
-    std::shared_ptr<qksim::VirtualCamera> Add(const std::string& model, const std::string& serial,
-                                              const std::string& product = "")
-    {
-        qksim::CameraSetup setup;
-        setup.model = model;
-        setup.serial = serial;
-        setup.product = product;
-        auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
-        EXPECT_TRUE(camera);
-        return camera;
+        VirtualCameraTest::TearDown();
     }
 
     libusb_context* Context()
@@ -130,7 +115,7 @@ class SimOpenCamera : public SimBusTest {
 protected:
     void SetUp() override
     {
-        camera = Add("SX160", "QKS0001");
+        camera = AddCamera("SX160", "QKS0001");
         ASSERT_TRUE(camera);
         handle = Open(*camera);
         ASSERT_NE(handle, nullptr);
