@@ -73,12 +73,16 @@ public:
     QKResult PTPOpenSession();
     // Polls until the camera reports record mode; no limit of its own.
     QKResult PTPWaitForRecMode();
+    // The same, giving up with QK_NOT_READY once `limit` has passed.
+    QKResult PTPWaitForRecMode(std::chrono::milliseconds limit);
     QKResult PTPPowerDown();
     QKResult PTPReset();
     QKResult EnableKbdAndLcd();
     QKResult EnableLcd();
     // Reads the module's version; with `requiredVersion`, QK_OLD_MODULE when older.
     QKResult QKMLoadVersion(const char* requiredVersion);
+    // The version QKMLoadVersion read; empty before. Any thread.
+    std::wstring GetModuleVersion();
     QKResult PTPManualFocusEnable(bool on);
     QKResult PTPLoadEvents();
 

@@ -90,8 +90,11 @@ QKResult DevicePTP::PTPOpenSession()
     return QK_OK;
 }
 
-QKResult DevicePTP::PTPWaitForRecMode()
+QKResult DevicePTP::PTPWaitForRecMode() { return PTPWaitForRecMode(std::chrono::milliseconds::max()); }
+
+QKResult DevicePTP::PTPWaitForRecMode(std::chrono::milliseconds limit)
 {
+    const auto start = std::chrono::steady_clock::now();
     for (;;) {
         std::vector<int> mode;
         QKResult result = PTPQKMGet(PTP_QKM_GetMode, 1, &mode);
@@ -101,6 +104,10 @@ QKResult DevicePTP::PTPWaitForRecMode()
         }
         if (mode[0] == 1)
             return QK_OK;
+        if (std::chrono::steady_clock::now() - start >= limit) {
+            QK_LOG_ERR("PTPWaitForRecMode: no record mode after %lld ms", (long long)limit.count());
+            return QK_NOT_READY;
+        }
         std::this_thread::sleep_for(recModePoll);
     }
 }
@@ -139,7 +146,10 @@ QKResult DevicePTP::QKMLoadVersion(const char* requiredVersion)
     const char* bytes = static_cast<const char*>(reply.data);
     std::string current(bytes, strnlen(bytes, reply.len));
     FreePtpTransactionGetBuffer(reply);
-    moduleVersion = strToWstr(current);
+    {
+        std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
+        moduleVersion = strToWstr(current);
+    }
     if (!requiredVersion)
         return QK_OK;
 
@@ -155,6 +165,12 @@ QKResult DevicePTP::QKMLoadVersion(const char* requiredVersion)
         }
     }
     return QK_OK;
+}
+
+std::wstring DevicePTP::GetModuleVersion()
+{
+    std::lock_guard<std::recursive_mutex> lock(state.stateMutex);
+    return moduleVersion;
 }
 
 QKResult DevicePTP::PTPLoadEvents()
