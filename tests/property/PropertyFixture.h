@@ -3,6 +3,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "DevicePTP/DevicePTP.h"
@@ -45,12 +46,8 @@ private:
     std::vector<std::string> hooks;
 };
 
-// One vendor sub-command as the camera received it: the parameters behind it.
-struct VendorCall {
-    uint32_t sub;
-    std::vector<uint32_t> args;
-    bool operator==(const VendorCall& o) const { return sub == o.sub && args == o.args; }
-};
+// One vendor sub-command as the camera received it, and the parameters behind it.
+using VendorCall = std::pair<uint32_t, std::vector<uint32_t>>;
 
 inline std::vector<VendorCall> VendorCalls(const qksim::VirtualCamera& camera, uint32_t only = 0)
 {
@@ -63,14 +60,6 @@ inline std::vector<VendorCall> VendorCalls(const qksim::VirtualCamera& camera, u
         calls.push_back({c.params[0], std::vector<uint32_t>(c.params.begin() + 1, c.params.end())});
     }
     return calls;
-}
-
-inline std::ostream& operator<<(std::ostream& os, const VendorCall& call)
-{
-    os << "sub 0x" << std::hex << call.sub << std::dec << " (";
-    for (uint32_t a : call.args)
-        os << a << " ";
-    return os << ")";
 }
 
 class PropertyTest : public VirtualCameraTest {

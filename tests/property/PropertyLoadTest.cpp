@@ -40,6 +40,7 @@ TEST_P(EveryModelLoad, CacheMatchesTheCameraThroughTheRecord)
         if (config.cameraId >= 0 && config.cameraId != flashAdjustCase &&
             config.writeKind != WriteKind_CaptureMode && !config.values.empty())
             Settings().SetPropCase(config.cameraId, config.values.back().cameraValue);
+    Settings().SetZoomPosition(300);  // beyond every model's lens
     ASSERT_EQ(device->InitialLoadProperties(), QK_OK);
 
     for (const auto& [property, config] : device->Record().properties) {
@@ -58,7 +59,24 @@ TEST_P(EveryModelLoad, CacheMatchesTheCameraThroughTheRecord)
     EXPECT_EQ(VendorCalls(*camera, PTP_QKM_GetVBat).size(), hasBattery ? 1u : 0u);
     // One case read per plain property, none for the manual-focus switch.
     for (const VendorCall& call : VendorCalls(*camera, PTP_QKM_GetPropCase))
-        EXPECT_EQ(call.args.at(1), 1u);
+        EXPECT_EQ(call.second.at(1), 1u);
+
+    int zoom = -1;
+    ASSERT_EQ(device->PTPGetZoom(&zoom), QK_OK);
+    EXPECT_EQ(zoom, device->Record().maxZoom);
+    Settings().SetZoomPosition(5);
+    ASSERT_EQ(device->PTPGetZoom(&zoom), QK_OK);
+    EXPECT_EQ(zoom, 5);
+
+    // A model without a battery never asks for the voltage and calls it unknown.
+    if (!hasBattery) {
+        EXPECT_EQ(device->ReadBatteryLevel(false), QK_OK);
+        EXPECT_EQ(device->ReadVoltage(), 0);
+        EXPECT_TRUE(VendorCalls(*camera, PTP_QKM_GetVBat).empty());
+        LogMark mark;
+        EXPECT_EQ(device->SetPropertyData(P(QKProp::BatteryLevel), 1), QK_UNKNOWN_PROPERTY);
+        EXPECT_EQ(mark.Count("Unknown property: 13"), 1);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, EveryModelLoad,
@@ -67,19 +85,6 @@ INSTANTIATE_TEST_SUITE_P(Models, EveryModelLoad,
                                            "SX170", "SX40HS", "SX400IS", "SX410IS", "SX500", "SX510",
                                            "SX520"),
                          [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
-
-TEST_F(PropertyTest, LoadTakesZoomAndClampsItToTheModel)
-{
-    Open("SX160");
-    Settings().SetZoomPosition(300);
-    Load();
-    int zoom = -1;
-    ASSERT_EQ(device->PTPGetZoom(&zoom), QK_OK);
-    EXPECT_EQ(zoom, 125);
-    Settings().SetZoomPosition(40);
-    ASSERT_EQ(device->PTPGetZoom(&zoom), QK_OK);
-    EXPECT_EQ(zoom, 40);
-}
 
 TEST_F(PropertyTest, UnknownRawCasesFailTheLoadWithTheirLogLines)
 {
@@ -163,7 +168,7 @@ TEST_F(PropertyTest, ModeDialChangeIsTakenOverAndAnnouncedOnce)
     EXPECT_EQ(Value(QKProp::ShootingMode), 2);
 }
 
-TEST_F(PropertyTest, BatteryBandsAlarmsAndEvents)
+TEST_F(PropertyTest, BatteryBandsAlarmsAndOneEventPerChangeOfAFallingBattery)
 {
     Open("SX160");
     struct Case {
@@ -187,13 +192,9 @@ TEST_F(PropertyTest, BatteryBandsAlarmsAndEvents)
         // The first level of a filter comes with no event.
         EXPECT_TRUE(device->Hooks().empty()) << c.voltage;
     }
-}
 
-TEST_F(PropertyTest, FallingBatteryRaisesOneEventPerChange)
-{
-    Open("SX160");
     Settings().SetBattery(3900, 4000, 3000);
-    Load();
+    ASSERT_EQ(device->ReadBatteryLevel(true), QK_OK);
     EXPECT_EQ(Value(QKProp::BatteryLevel), 2);
     ASSERT_EQ(device->ReadBatteryLevel(false), QK_OK);
     EXPECT_TRUE(device->Hooks().empty());
@@ -212,17 +213,6 @@ TEST_F(PropertyTest, FallingBatteryRaisesOneEventPerChange)
     ASSERT_EQ(device->ReadBatteryLevel(false), QK_OK);
     EXPECT_EQ(device->Hooks(), std::vector<std::string>{"changed 13"});
     EXPECT_EQ(Value(QKProp::BatteryLevel), 4);
-}
-
-TEST_F(PropertyTest, ModelWithoutBatteryNeverAsksForVoltageAndCallsItUnknown)
-{
-    Open("SX410IS", true);
-    EXPECT_EQ(device->ReadBatteryLevel(false), QK_OK);
-    EXPECT_EQ(device->ReadVoltage(), 0);
-    EXPECT_TRUE(VendorCalls(*camera, PTP_QKM_GetVBat).empty());
-    LogMark mark;
-    EXPECT_EQ(device->SetPropertyData(P(QKProp::BatteryLevel), 1), QK_UNKNOWN_PROPERTY);
-    EXPECT_EQ(mark.Count("Unknown property: 13"), 1);
 }
 
 TEST_F(PropertyTest, ShortRepliesFailWithoutReadingBeyondThem)

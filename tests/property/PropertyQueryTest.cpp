@@ -63,12 +63,15 @@ TEST_F(PropertyQueryTest, ListsAndValuesFollowTheConstraints)
     EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
-TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeight)
+TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeightAndValuesComeInTheModelsOrder)
 {
     Open("A1400");
     QKProp_Desc* desc = nullptr;
     EXPECT_EQ(device->GetPropertyDesc(P(QKProp::Av), &desc), QK_UNKNOWN_PROPERTY); // not on this model
     Load();
+    // The model's order, not numeric: Digital IS (22) before Portrait (9).
+    EXPECT_EQ(Values(QKProp::ShootingMode),
+              (std::vector<int>{0, 1, 8, 22, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}));
     std::vector<int> sizes = Values(QKProp::ImageSize, &desc);
     ASSERT_NE(desc, nullptr);
     ASSERT_NE(desc->extended, nullptr);
@@ -88,14 +91,6 @@ TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeight)
     EXPECT_EQ(battery->readOnly, 1);
     EXPECT_EQ(battery->count, 5);
     device->FreePointer(battery);
-}
-
-TEST_F(PropertyQueryTest, ValuesComeInTheModelsOrder)
-{
-    Open("SX520", true);
-    std::vector<int> modes = Values(QKProp::ShootingMode);
-    ASSERT_FALSE(modes.empty());
-    EXPECT_EQ(modes.front(), 2);
 }
 
 TEST_F(PropertyQueryTest, RecordAnswersBeforeALoadButTheCacheDoesNot)

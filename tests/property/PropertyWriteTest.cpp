@@ -10,7 +10,6 @@ namespace {
 
 using namespace qktest;
 using qksim::PtpCommand;
-using qksim::PtpReply;
 
 class PropertyWriteTest : public PropertyTest {
 protected:
@@ -86,13 +85,23 @@ TEST_F(PropertyWriteTest, ConstraintsFollowTheShootingModeAndMyColors)
     EXPECT_EQ(Settings().PropCase(59), 1);
 }
 
-TEST_F(PropertyWriteTest, LargeImageMovesSuperfineToFineFirst)
+TEST_F(PropertyWriteTest, LargeImageMovesSuperfineToFineFirstAndARefusalKeepsTheCache)
 {
     Open("SX160");
     Settings().SetPropCase(222, 1); // medium size
     Settings().SetPropCase(57, 0);  // superfine
     Load();
+    // Refused at the first write: nothing rolled back, nothing announced.
+    camera->SetVendorHandler(Set, [](const PtpCommand&) { return qksim::RefusalReply(0x2005); });
     LogMark mark;
+    EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_ERROR);
+    EXPECT_EQ(mark.Count("PTP_QKM_SetPropCase failed: 2 57 1"), 1);
+    EXPECT_EQ(Value(QKProp::ImageSize), 0);
+    EXPECT_EQ(Value(QKProp::JpegQuality), 1);
+    EXPECT_TRUE(device->Hooks().empty());
+
+    camera->SetVendorHandler(Set, {});
+    Load();
     ASSERT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_OK);
     EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {57, 1}}, {Set, {222, 0}}}));
     EXPECT_EQ(device->Hooks(), (std::vector<std::string>{"changed 2", "list"}));
@@ -128,24 +137,6 @@ TEST_F(PropertyWriteTest, ByNameGoesTheSameWay)
     EXPECT_EQ(device->SetPropertyDataByName(P(QKProp::ExposureComp), "+7"), QK_UNSUPPORTED_VALUE);
     EXPECT_EQ(mark.Since(), "");
     EXPECT_EQ(device->SetPropertyDataByName(P(QKProp::Contrast), "+2"), QK_UNSUPPORTED_VALUE);
-}
-
-TEST_F(PropertyWriteTest, FailedWriteKeepsTheCacheAndRaisesNothing)
-{
-    Open("SX160");
-    Settings().SetPropCase(222, 1);
-    Settings().SetPropCase(57, 0);
-    Load();
-    PtpReply refused;
-    refused.responseCode = 0x2005;
-    camera->SetVendorHandler(Set, [refused](const PtpCommand&) { return refused; });
-    LogMark mark;
-    EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_ERROR);
-    EXPECT_EQ(mark.Count("PTP_QKM_SetPropCase failed: 2 57 1"), 1);
-    // Nothing rolled back, nothing announced.
-    EXPECT_EQ(Value(QKProp::ImageSize), 0);
-    EXPECT_EQ(Value(QKProp::JpegQuality), 1);
-    EXPECT_TRUE(device->Hooks().empty());
 }
 
 TEST_F(PropertyWriteTest, GuardHooksStopWritesAndQueries)
