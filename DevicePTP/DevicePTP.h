@@ -15,16 +15,16 @@
 #include <string>
 #include <vector>
 
-#include "DevicePTP/Ema.h"
-#include "DevicePTP/PreviewData.h"
-#include "DevicePTP/PtpContainer.h"
-#include "DevicePTP/QKPropDesc.h"
-#include "DevicePTP/QKFileInfo.h"
-#include "DevicePTP/QKResult.h"
-#include "log/Log.h"
-#include "models/CameraDB.h"
-#include "models/PropertyDB.h"
-#include "usb/UsbLib.h"
+#include "Ema.h"
+#include "PreviewData.h"
+#include "PtpContainer.h"
+#include "QKPropDesc.h"
+#include "QKFileInfo.h"
+#include "QKResult.h"
+#include "../log/Log.h"
+#include "../models/CameraDB.h"
+#include "../models/PropertyDB.h"
+#include "../usb/UsbLib.h"
 
 class ContProc;
 

@@ -4,8 +4,10 @@
 
 #include <chrono>
 #include <cstring>
+#include <new>
 
 #include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PreviewDecode.h"
 #include "DevicePTP/PtpCodes.h"
 
 namespace {
@@ -25,6 +27,11 @@ int64_t NowMs()
 }
 
 } // namespace
+
+// The decoder lives behind a pointer so that its kernels stay out of the
+// headers a host includes.
+PreviewData::PreviewData() : decoder(new (std::nothrow) PreviewDecoder()) {}
+PreviewData::~PreviewData() = default;
 
 QKResult DevicePTP::PTPGetVideoSettings(VideoSettings* settings)
 {
@@ -87,7 +94,12 @@ QKResult DevicePTP::PTPGetPreviewFrame(DataLen* frame)
         return QK_ERROR;
     }
     // A refused frame leaves `frame` as it was, the last good picture with it.
-    if (!previewData.decoder.DecodePixels(raw, width, height, frame)) {
+    if (!previewData.decoder) {
+        QK_LOG_ERR("PTPGetPreviewFrame: no memory for the preview decoder");
+        FreePtpTransactionGetBuffer(raw);
+        return QK_ERROR;
+    }
+    if (!previewData.decoder->DecodePixels(raw, width, height, frame)) {
         FreePtpTransactionGetBuffer(raw);
         return QK_ERROR;
     }

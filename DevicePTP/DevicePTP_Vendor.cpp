@@ -104,7 +104,10 @@ QKResult DevicePTP::PTPWaitForRecMode(std::chrono::milliseconds limit)
         }
         if (mode[0] == 1)
             return QK_OK;
-        if (std::chrono::steady_clock::now() - start >= limit) {
+        // Compared in milliseconds: the unlimited wait's max() would overflow in finer units.
+        const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start);
+        if (waited >= limit) {
             QK_LOG_ERR("PTPWaitForRecMode: no record mode after %lld ms", (long long)limit.count());
             return QK_NOT_READY;
         }

@@ -3,11 +3,13 @@
 // lent to the host and which is newest, and the frame settings last read.
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
-#include "DevicePTP/PreviewDecode.h"
-#include "usb/DataLen.h"
+#include "../usb/DataLen.h"
+
+class PreviewDecoder;
 
 // The camera module's preview settings record, byte for byte: 22
 // little-endian words. Two records are the same when all 88 bytes agree.
@@ -23,6 +25,11 @@ struct VideoSettings {
 static_assert(sizeof(VideoSettings) == 88, "the record is 88 bytes on the wire");
 
 struct PreviewData {
+    PreviewData();
+    ~PreviewData();
+    PreviewData(const PreviewData&) = delete;
+    PreviewData& operator=(const PreviewData&) = delete;
+
     // Guards everything below and is held over a whole load.
     std::mutex previewMutex;
     // The two pictures; each owns its memory (new[]).
@@ -31,6 +38,7 @@ struct PreviewData {
     int readyFrame = -1; // newest finished picture, -1 before the first
     VideoSettings videoSettings;
     int64_t settingsTime = 0; // ms since the system clock's epoch
-    // Conversion tables, kept while the frame size stays.
-    PreviewDecoder decoder;
+    // Conversion tables, kept while the frame size stays; null when there
+    // was no memory for them, and then no frame is decoded.
+    std::unique_ptr<PreviewDecoder> decoder;
 };

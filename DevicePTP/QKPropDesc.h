@@ -1,5 +1,5 @@
 #pragma once
-#include "models/CameraConfig.h"
+#include "../models/CameraConfig.h"
 
 // The values a property can take now, handed to a host and given back
 // through FreePointer.

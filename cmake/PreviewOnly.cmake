@@ -4,10 +4,10 @@
 find_package(Threads REQUIRED)
 
 add_library(qkcam_preview STATIC
-  ${CMAKE_SOURCE_DIR}/DevicePTP/PreviewDecode.cpp
-  ${CMAKE_SOURCE_DIR}/DevicePTP/PreviewKernels.cpp
-  ${CMAKE_SOURCE_DIR}/log/Logger.cpp)
-target_include_directories(qkcam_preview PUBLIC ${CMAKE_SOURCE_DIR})
+  ${PROJECT_SOURCE_DIR}/DevicePTP/PreviewDecode.cpp
+  ${PROJECT_SOURCE_DIR}/DevicePTP/PreviewKernels.cpp
+  ${PROJECT_SOURCE_DIR}/log/Logger.cpp)
+target_include_directories(qkcam_preview PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(qkcam_preview PUBLIC Threads::Threads)
 
 set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
@@ -17,9 +17,9 @@ add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM
 enable_testing()
 include(GoogleTest)
 add_executable(preview_decode_test
-  ${CMAKE_SOURCE_DIR}/tests/preview/PreviewDecodeTest.cpp
-  ${CMAKE_SOURCE_DIR}/tests/common/TestMain.cpp
-  ${CMAKE_SOURCE_DIR}/tests/common/TestLog.cpp)
+  ${PROJECT_SOURCE_DIR}/tests/preview/PreviewDecodeTest.cpp
+  ${PROJECT_SOURCE_DIR}/tests/common/TestMain.cpp
+  ${PROJECT_SOURCE_DIR}/tests/common/TestLog.cpp)
 target_link_libraries(preview_decode_test PRIVATE qkcam_preview gtest)
 # Emulated, so slower than at home.
 gtest_discover_tests(preview_decode_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120

@@ -18,8 +18,8 @@
 #include <set>
 #include <string>
 
-#include "DevicePTP/DevicePTP.h"
-#include "usb/UsbLib_libusb.h"
+#include <qkcam/DevicePTP/DevicePTP.h>
+#include <qkcam/usb/UsbLib_libusb.h>
 
 namespace {
 

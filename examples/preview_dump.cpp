@@ -16,8 +16,8 @@
 #include <iostream>
 #include <string>
 
-#include "DevicePTP/DevicePTP.h"
-#include "usb/UsbLib_libusb.h"
+#include <qkcam/DevicePTP/DevicePTP.h>
+#include <qkcam/usb/UsbLib_libusb.h>
 
 namespace {
 

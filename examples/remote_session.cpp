@@ -12,9 +12,9 @@
 #include <cstdio>
 #include <string>
 
-#include "DevicePTP/DevicePTP.h"
-#include "proc/ContProc.h"
-#include "usb/UsbLib_libusb.h"
+#include <qkcam/DevicePTP/DevicePTP.h>
+#include <qkcam/proc/ContProc.h>
+#include <qkcam/usb/UsbLib_libusb.h>
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "models/PropertyDB.h"
+#include "PropertyDB.h"
 
 // How a property is read from and written to the camera.
 enum ProperyWriteKind : int32_t {

@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "models/CameraConfig.h"
+#include "CameraConfig.h"
 
 // Calls the generated builders in recognition order.
 std::vector<CameraConfig> initCameraDB();

@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "DevicePTP/QKResult.h"
+#include "../DevicePTP/QKResult.h"
 
 // 12 is a hole: no member, no name, no values, offered by no model.
 enum class QKProp : int {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <functional>
 
-#include "DevicePTP/QKResult.h"
+#include "../DevicePTP/QKResult.h"
 
 class ContProc {
 public:

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "DevicePTP/DevicePTP.h"
-#include "DevicePTP/QKFileInfo.h"
-#include "DevicePTP/QKResult.h"
-#include "usb/UsbLib.h"
+#include "../DevicePTP/DevicePTP.h"
+#include "../DevicePTP/QKFileInfo.h"
+#include "../DevicePTP/QKResult.h"
+#include "../usb/UsbLib.h"
 
 /// What happened to one camera in a rig operation.
 struct RigOutcome {

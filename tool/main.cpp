@@ -9,6 +9,7 @@
 int main(int, char**)
 {
     std::shared_ptr<UsbLib> usb = UsbLib_libusb::build(UsbLib::EmptyNotify);
+    auto* libusb = static_cast<UsbLib_libusb*>(usb.get());
     std::set<std::wstring> paths = usb->GetAllConnectedDevicePaths();
     if (paths.empty()) {
         std::cerr << "camera not found" << std::endl;
@@ -16,7 +17,12 @@ int main(int, char**)
     }
     for (const std::wstring& path : paths) {
         std::shared_ptr<DevicePTP> camera = DevicePTP::build(usb, path);
-        camera->Init();
+        if (camera->Init() != QK_OK) {
+            // Standard output stays the same; what the user can fix goes to stderr.
+            const std::string advice = libusb->OpenProblem(path);
+            if (!advice.empty())
+                std::cerr << "qkcam-list: camera " << wstrToStr(path) << ": " << advice << std::endl;
+        }
         // A camera that could not be opened has nothing to be read from; its
         // line still shows that it is there.
         camera->QKMLoadSerialNumber();

@@ -6,8 +6,8 @@
 #include <set>
 #include <string>
 
-#include "log/Log.h"
-#include "usb/DataLen.h"
+#include "../log/Log.h"
+#include "DataLen.h"
 
 // Implemented by a host that wants to hear when cameras come or go; it is
 // told only that something changed, and asks GetAllConnectedDevicePaths what.

@@ -185,11 +185,13 @@ void* UsbLib_libusb::OpenDevice(std::wstring path)
     int rc = libusb_open(found, &handle);
     if (rc != 0) {
         QK_LOG_ERR("libusb_open error: %d", rc);
+        NoteOpenProblem(path, rc);
         return nullptr;
     }
     rc = libusb_claim_interface(handle, 0);
     if (rc != 0) {
         QK_LOG_ERR("libusb_claim_interface error: %d", rc);
+        NoteOpenProblem(path, rc);
         libusb_close(handle);
         return nullptr;
     }
@@ -208,10 +210,44 @@ void* UsbLib_libusb::OpenDevice(std::wstring path)
         libusb_close(handle);
         return nullptr;
     }
+    NoteOpenProblem(path, 0);
     info->handle = handle;
     info->name = strToWstr(std::string(reinterpret_cast<char*>(product),
                                        static_cast<size_t>(std::min<int>(rc, sizeof(product)))));
     return info;
+}
+
+const char* UsbLib_libusb::AdviceFor(int libusbError)
+{
+    switch (libusbError) {
+    case LIBUSB_ERROR_ACCESS:
+        return "no permission to open the camera: install the udev rule 60-qkcam.rules "
+               "(or join the plugdev group), then unplug and replug the camera";
+    case LIBUSB_ERROR_BUSY:
+        return "the camera is held by another program: close it (a photo importer or "
+               "a file manager, for one) and try again";
+    default:
+        return nullptr;
+    }
+}
+
+void UsbLib_libusb::NoteOpenProblem(const std::wstring& path, int libusbError)
+{
+    const char* advice = AdviceFor(libusbError);
+    std::lock_guard<std::mutex> lock(openProblemsMutex);
+    if (!advice) {
+        openProblems.erase(path);
+        return;
+    }
+    QK_LOG_ERR("OpenDevice %s: %s", wstrToStr(path).c_str(), advice);
+    openProblems[path] = advice;
+}
+
+std::string UsbLib_libusb::OpenProblem(const std::wstring& path)
+{
+    std::lock_guard<std::mutex> lock(openProblemsMutex);
+    auto it = openProblems.find(path);
+    return it == openProblems.end() ? std::string() : it->second;
 }
 
 void UsbLib_libusb::CloseDevice(void* handle)

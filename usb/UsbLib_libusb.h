@@ -2,12 +2,13 @@
 // The transport on libusb-1.0 (default context).
 
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "usb/UsbLib.h"
+#include "UsbLib.h"
 
 struct libusb_device;
 
@@ -30,6 +31,13 @@ public:
     bool Write(DataLen* buffer, void* handle) override;
     void DiscardResidue(void* handle) override;
 
+    // Why the last OpenDevice of `path` failed, when the user can do
+    // something about it (permission, another program holding the camera):
+    // one line of advice; empty otherwise or after a successful open. Any thread.
+    std::string OpenProblem(const std::wstring& path);
+    // The advice for a libusb error code, or null when there is none.
+    static const char* AdviceFor(int libusbError);
+
 protected:
     explicit UsbLib_libusb(std::weak_ptr<IUsbLib_Notify> notify);
 
@@ -43,4 +51,8 @@ private:
     std::condition_variable notifyCondition;
     std::mutex notifyMutex;
     bool notifyStop = false; // guarded by notifyMutex
+
+    void NoteOpenProblem(const std::wstring& path, int libusbError);
+    std::map<std::wstring, std::string> openProblems; // guarded by openProblemsMutex
+    std::mutex openProblemsMutex;
 };

@@ -2,7 +2,10 @@
 // that live in this test process (it inherits the virtual bus through its
 // environment), and once through the launcher.
 
+#include <libusb.h>
+
 #include "DevicePTP/PtpCodes.h"
+#include "usb/UsbLib_libusb.h"
 #include "tests/common/ChildProcess.h"
 #include "tests/common/VirtualCameraTest.h"
 
@@ -55,7 +58,9 @@ TEST_F(ToolTest, OneLinePerCameraInPathOrder)
     // "...:1:10" sorts before "...:1:4": the order is that of the path strings.
     EXPECT_EQ(run.out, "QKS0002 ; QK Virtual Camera A1400\nQKS0003 ; Virtual Camera Z99\n ; QK Virtual Camera G15\n"
                        " ; \nQKS0001 ; QK Virtual Camera SX160\n");
-    EXPECT_EQ(run.err, "");
+    // The camera held by another program is named on stderr with what to do.
+    EXPECT_EQ(run.err, "qkcam-list: camera " + wstrToStr(busy->Path()) + ": " +
+                           UsbLib_libusb::AdviceFor(LIBUSB_ERROR_BUSY) + "\n");
     // Each camera was asked once, and the first transaction of a fresh object has id 0.
     for (const auto& camera : {a, b}) {
         std::vector<qksim::PtpCommand> sent = camera->ReceivedCommands();

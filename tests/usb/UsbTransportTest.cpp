@@ -89,6 +89,20 @@ TEST_F(UsbTransportTest, OpenReadsProductStringAndFailsOnUnknownPathSilentlyOrOn
     EXPECT_EQ(mark.Since(), "");
     EXPECT_EQ(usb->OpenDevice(busy->Path()), nullptr);
     EXPECT_EQ(mark.Count("libusb_claim_interface error: -6"), 1);
+    // Which problem and what to do, in the log and for a program to show.
+    auto* libusb = static_cast<UsbLib_libusb*>(usb.get());
+    const std::string advice = libusb->OpenProblem(busy->Path());
+    EXPECT_NE(advice.find("held by another program"), std::string::npos) << advice;
+    EXPECT_EQ(mark.Count("OpenDevice " + wstrToStr(busy->Path()) + ": " + advice), 1);
+    // Source files are named from the top of the tree, the same on every machine.
+    EXPECT_GE(mark.Count("| usb/UsbLib_libusb.cpp:"), 2) << mark.Since();
+    EXPECT_NE(std::string(UsbLib_libusb::AdviceFor(-3)).find("udev rule 60-qkcam.rules"), std::string::npos);
+    EXPECT_EQ(UsbLib_libusb::AdviceFor(-1), nullptr);
+    busy->FailClaim(false);
+    void* again = usb->OpenDevice(busy->Path());
+    EXPECT_NE(again, nullptr);
+    EXPECT_EQ(libusb->OpenProblem(busy->Path()), "");
+    usb->CloseDevice(again);
 
     void* handle = usb->OpenDevice(camera->Path());
     ASSERT_NE(handle, nullptr);

@@ -70,6 +70,16 @@ TEST_F(VendorChannelTest, RecordModeIsPolledEveryTenthOfASecond)
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     EXPECT_EQ(VendorCalls(*camera, PTP_QKM_GetMode).size(), 3u);
 
+    // With a limit: gives up once it has passed, still polling at the same pace.
+    camera->ClearRecords();
+    Settings().SetRecordModeAfterPolls(1000);
+    {
+        LogMark mark;
+        EXPECT_EQ(device->PTPWaitForRecMode(std::chrono::milliseconds(250)), QK_NOT_READY);
+        EXPECT_EQ(mark.Count("PTPWaitForRecMode: no record mode after 250 ms"), 1);
+        EXPECT_EQ(VendorCalls(*camera, PTP_QKM_GetMode).size(), 4u);
+    }
+
     Refuse(PTP_QKM_GetMode);
     LogMark mark;
     EXPECT_EQ(device->PTPWaitForRecMode(), QK_ERROR);

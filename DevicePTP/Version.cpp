@@ -1,0 +1,3 @@
+#include "DevicePTP/Version.h"
+
+const char* qkcamVersion() { return QK_VERSION; }
