@@ -49,5 +49,8 @@ endif()
 set(QK_UDEV_RULES_DIR lib/udev/rules.d CACHE STRING "Where the udev rule goes, below the prefix")
 install(FILES ${PROJECT_SOURCE_DIR}/scripts/udev/60-qkcam.rules DESTINATION ${QK_UDEV_RULES_DIR}
         COMPONENT tools)
+# Lets software centres offer the package when such a camera is plugged in.
+install(FILES ${PROJECT_SOURCE_DIR}/scripts/udev/org.qkcam.tools.metainfo.xml
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/metainfo COMPONENT tools)
 file(GLOB qkcamManPages ${PROJECT_SOURCE_DIR}/man/*.1)
 install(FILES ${qkcamManPages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
