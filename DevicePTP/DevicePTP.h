@@ -157,6 +157,15 @@ public:
     ContProc* PTPShoot();
     ContProc* PTPShoot_Normal(std::function<void(QKFileInfo)> onCompleted);
     ContProc* PTPShoot_Direct(std::function<void(QKFileInfo)> onCompleted);
+    // The same shots with a gate: `beforeCommand` runs on the chain's thread
+    // once everything before the shoot command is done (hooks, the listing
+    // the new file is found against) and the command goes out when it
+    // returns; a chain that fails earlier never calls it. Many cameras shoot
+    // at one instant this way.
+    ContProc* PTPShoot_NormalGated(std::function<void(QKFileInfo)> onCompleted,
+                                   std::function<void()> beforeCommand);
+    ContProc* PTPShoot_DirectGated(std::function<void(QKFileInfo)> onCompleted,
+                                   std::function<void()> beforeCommand);
     void DebugShootDirectEvents();
     QKResult PTPStartVideo();
     QKResult PTPStopVideo(QKFileInfo* file);
@@ -267,14 +276,16 @@ protected:
     QKResult DownloadDirectFile_(int id, const std::string& path);
     QKResult DownloadCardFile_(int id, const std::string& path);
     QKResult RemoveDirectFile_(int id);
-    void ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
-                           QKResult* result, bool* more);
+    void ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted,
+                           const std::function<void()>& beforeCommand, int64_t* wait, QKResult* result,
+                           bool* more);
     void ShootNormalAwait_(const std::function<void(QKFileInfo)>& onCompleted,
                            std::chrono::steady_clock::time_point deadline, int64_t* wait,
                            QKResult* result, bool* more);
     QKResult FindShotFile_(QKFileInfo* file);
-    void ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted, int64_t* wait,
-                           QKResult* result, bool* more);
+    void ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted,
+                           const std::function<void()>& beforeCommand, int64_t* wait, QKResult* result,
+                           bool* more);
     void ShootDirectAwait_(const std::function<void(QKFileInfo)>& onCompleted,
                            std::chrono::steady_clock::time_point deadline, int64_t* wait,
                            QKResult* result, bool* more);

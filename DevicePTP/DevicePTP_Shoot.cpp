@@ -62,14 +62,22 @@ ContProc* DevicePTP::PTPShoot()
 
 ContProc* DevicePTP::PTPShoot_Normal(std::function<void(QKFileInfo)> onCompleted)
 {
+    return PTPShoot_NormalGated(std::move(onCompleted), nullptr);
+}
+
+ContProc* DevicePTP::PTPShoot_NormalGated(std::function<void(QKFileInfo)> onCompleted,
+                                          std::function<void()> beforeCommand)
+{
     DevicePTP* self = this;
-    return new ContProc([self, onCompleted](ContProc* proc, int64_t* wait, QKResult* result, bool* more) {
-        self->ShootNormalStart_(proc, onCompleted, wait, result, more);
+    return new ContProc([self, onCompleted, beforeCommand](ContProc* proc, int64_t* wait, QKResult* result,
+                                                           bool* more) {
+        self->ShootNormalStart_(proc, onCompleted, beforeCommand, wait, result, more);
     });
 }
 
 void DevicePTP::ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted,
-                                  int64_t* wait, QKResult* result, bool* more)
+                                  const std::function<void()>& beforeCommand, int64_t* wait,
+                                  QKResult* result, bool* more)
 {
     *more = false;
     if (videoRecording) {
@@ -95,6 +103,8 @@ void DevicePTP::ShootNormalStart_(ContProc* proc, std::function<void(QKFileInfo)
     }
     QK_LOG_DEB("Shoot transaction");
     LogVoltage("before PTP_QKM_Shoot");
+    if (beforeCommand)
+        beforeCommand();
     if (QKMCommand(PTP_QKM_Shoot, "PTP_QKM_Shoot failed") != QK_OK) {
         *result = QK_ERROR;
         return;
@@ -176,14 +186,22 @@ QKResult DevicePTP::FindShotFile_(QKFileInfo* file)
 
 ContProc* DevicePTP::PTPShoot_Direct(std::function<void(QKFileInfo)> onCompleted)
 {
+    return PTPShoot_DirectGated(std::move(onCompleted), nullptr);
+}
+
+ContProc* DevicePTP::PTPShoot_DirectGated(std::function<void(QKFileInfo)> onCompleted,
+                                          std::function<void()> beforeCommand)
+{
     DevicePTP* self = this;
-    return new ContProc([self, onCompleted](ContProc* proc, int64_t* wait, QKResult* result, bool* more) {
-        self->ShootDirectStart_(proc, onCompleted, wait, result, more);
+    return new ContProc([self, onCompleted, beforeCommand](ContProc* proc, int64_t* wait, QKResult* result,
+                                                           bool* more) {
+        self->ShootDirectStart_(proc, onCompleted, beforeCommand, wait, result, more);
     });
 }
 
 void DevicePTP::ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)> onCompleted,
-                                  int64_t* wait, QKResult* result, bool* more)
+                                  const std::function<void()>& beforeCommand, int64_t* wait,
+                                  QKResult* result, bool* more)
 {
     *more = false;
     if (videoRecording) {
@@ -201,6 +219,8 @@ void DevicePTP::ShootDirectStart_(ContProc* proc, std::function<void(QKFileInfo)
     PTPDebugLogMemory("pre shoot transaction");
     LogVoltage("before PTP_QKM_RemoteCaptureStart");
     QK_LOG_DEB("Shoot transaction (remote version)");
+    if (beforeCommand)
+        beforeCommand();
     if (QKMCommand(PTP_QKM_RemoteCaptureStart, "PTP_QKM_RemoteCaptureStart failed") != QK_OK) {
         *result = QK_ERROR;
         return;

@@ -3,6 +3,7 @@
 
 // Live preview: the frame size the cameras report.
 #include "sim/CameraPreview.h"
+#include "sim/CommandTrace.h"
 #include "sim/HotplugSchedule.h"
 #include "sim/Preload.h"
 #include "sim/VirtualBus.h"
@@ -36,6 +37,10 @@ const char* const kUsage =
     "                                   started (repeatable)\n"
     "  --unplug-after MS SERIAL         pull the camera with that serial out MS\n"
     "                                   milliseconds after PROGRAM started (repeatable)\n"
+    "  --trace FILE                     write one JSON line per command container a\n"
+    "                                   camera receives to FILE: {\"serial\", \"operation\",\n"
+    "                                   \"subCommand\" (vendor operations), \"ns\" (arrival,\n"
+    "                                   monotonic clock)}; PROGRAM finds FILE in QKCAM_TRACE\n"
     "  --verbose                        list the devices, and each plug and unplug,\n"
     "                                   on standard error\n"
     "  --help                           show this help\n"
@@ -197,6 +202,7 @@ int main(int argc, char** argv)
     // Live preview.
     qksim::PreviewSettings preview = qksim::PreviewSettings::Sized(720, 240);
     int programAt = -1;
+    std::string tracePath;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -225,6 +231,10 @@ int main(int argc, char** argv)
             }
             std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s\n", arg.c_str(), value.c_str());
             return 2;
+        }
+        if (arg == "--trace" && i + 1 < argc) {
+            tracePath = argv[++i];
+            continue;
         }
         // Live preview.
         if (arg == "--preview" && i + 1 < argc) {
@@ -275,6 +285,14 @@ int main(int argc, char** argv)
         }
     }
 
+    if (!tracePath.empty()) {
+        if (!qksim::CommandTrace::Open(tracePath)) {
+            std::fprintf(stderr, "qkcam-virtual: cannot write the trace %s: %s\n", tracePath.c_str(),
+                         std::strerror(errno));
+            return 2;
+        }
+        setenv("QKCAM_TRACE", tracePath.c_str(), 1);
+    }
     qksim::VirtualBus& bus = qksim::VirtualBus::Instance();
     qksim::HotplugSchedule schedule(bus, verbose);
     for (const auto& event : hotplugs)
@@ -306,5 +324,6 @@ int main(int argc, char** argv)
     const int status = RunChild(argv + programAt, schedule);
     added.clear();
     bus.RemoveAll();
+    qksim::CommandTrace::Close();
     return status;
 }

@@ -1,5 +1,8 @@
 #include "sim/PtpResponder.h"
 
+#include <chrono>
+
+#include "sim/CommandTrace.h"
 #include "sim/PtpReplies.h"
 
 #include "sim/PtpContainer.h"
@@ -50,6 +53,12 @@ void PtpResponder::SetVendorHandler(uint32_t subCommand, OperationHandler handle
 {
     std::lock_guard<std::mutex> lock(mutex);
     Store(customVendor, subCommand, std::move(handler));
+}
+
+void PtpResponder::SetTraceName(std::string serial)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    traceName = std::move(serial);
 }
 
 std::vector<PtpCommand> PtpResponder::ReceivedCommands() const
@@ -142,13 +151,19 @@ PtpResponder::Containers PtpResponder::Receive(const std::vector<uint8_t>& trans
 {
     if (transfer.empty())
         return {};
+    const int64_t arrival = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                std::chrono::steady_clock::now().time_since_epoch())
+                                .count();
     Decoded decoded = Decode(transfer);
+    decoded.command.arrivalNs = arrival;
     OperationHandler handler;
     bool generalError = false;
     bool insteadOfData = false;
     {
         std::lock_guard<std::mutex> lock(mutex);
         received.push_back(decoded.command);
+        if (!traceName.empty())
+            CommandTrace::Write(traceName, decoded.command);
         if (silent > 0) {
             --silent;
             return {};

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace qksim {
@@ -34,6 +35,8 @@ public:
 
     std::vector<PtpCommand> ReceivedCommands() const;
     void ClearRecords();
+    // Commands also go to the process's command trace, under this serial.
+    void SetTraceName(std::string serial);
 
     // The next `count` well-formed commands get GeneralError as response code;
     // with `insteadOfData` that response also takes the place of a data phase.
@@ -61,6 +64,7 @@ private:
     int generalErrors = 0;
     bool generalErrorInsteadOfData = false;
     int silent = 0;
+    std::string traceName;
 };
 
 } // namespace qksim

@@ -32,6 +32,7 @@ struct PtpCommand {
     uint16_t code = 0;
     uint32_t transId = 0;
     std::vector<uint32_t> params;
+    int64_t arrivalNs = 0; // steady clock, when the container reached the camera
 };
 
 // What the camera answers to one command.

@@ -39,6 +39,7 @@ VirtualCameraImpl::VirtualCameraImpl(const CameraSetup& setup_)
       settings(std::make_shared<CameraSettings>(setup_.model, setup_.product))
 {
     InstallCameraOperations(*responder, setup);
+    responder->SetTraceName(setup.serial);
     InstallSettingsOperations(*responder, settings);
     // Camera files and capture.
     card = std::make_shared<CameraCard>();

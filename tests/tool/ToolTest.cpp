@@ -4,9 +4,14 @@
 
 #include <libusb.h>
 
+#include <fstream>
+#include <regex>
+#include <set>
+
 #include "DevicePTP/PtpCodes.h"
 #include "usb/UsbLib_libusb.h"
 #include "tests/common/ChildProcess.h"
+#include "tests/common/TestLog.h"
 #include "tests/common/VirtualCameraTest.h"
 
 namespace {
@@ -77,6 +82,24 @@ TEST(ToolThroughLauncher, ListsTheLaunchersCameras)
                                      "--", QK_TOOL_PATH}, true);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, "QKS0001 ; QK Virtual Camera SX160\nQKS0002 ; QK Virtual Camera A1400\n");
+
+    // With a trace: one line per command, with its camera, sub-command and
+    // arrival time; the program is told where the trace is.
+    const std::string trace = qktest::TempDir() + "/trace.jsonl";
+    run = RunChild({QK_LAUNCHER_PATH, "--camera", "SX160:QKS0001", "--camera", "A1400:QKS0002", "--trace", trace,
+                    "--", "/bin/sh", "-c", QK_TOOL_PATH " && echo \"$QKCAM_TRACE\""}, true);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("\n" + trace + "\n"), std::string::npos) << run.out;
+    std::ifstream lines(trace);
+    std::set<std::string> serials;
+    std::string line;
+    const std::regex shape("\\{\"serial\":\"(QKS000[12])\",\"operation\":39321,\"subCommand\":" +
+                           std::to_string(PTP_QKM_GetSerialNumber) + ",\"ns\":[1-9][0-9]*\\}");
+    for (std::smatch field; std::getline(lines, line); serials.insert(field[1])) {
+        ASSERT_TRUE(std::regex_match(line, field, shape)) << line;
+    }
+    EXPECT_EQ(serials, (std::set<std::string>{"QKS0001", "QKS0002"}));
+    EXPECT_EQ(RunChild({QK_LAUNCHER_PATH, "--trace", "/nonexistent/dir/t", "--", "/bin/true"}, true).status, 2);
 
     run = RunChild({QK_LAUNCHER_PATH, "--", QK_TOOL_PATH}, true);
     EXPECT_EQ(run.status, 255);
