@@ -21,7 +21,7 @@ test -f "$prefix/include/qkcam/rig/Rig.h"
 test ! -e "$prefix/include/DevicePTP"
 test ! -e "$prefix/include/qkcam/DevicePTP/PreviewKernels.h"
 test ! -e "$prefix/include/qkcam/sim"
-test -x "$prefix/bin/qkcam-list" && test -x "$prefix/bin/qkcam-virtual"
+test -x "$prefix/bin/qkcam" && test -x "$prefix/bin/qkcam-list" && test -x "$prefix/bin/qkcam-virtual"
 test -f "$prefix/lib/udev/rules.d/60-qkcam.rules"
 
 # CMake package.
