@@ -1,14 +1,17 @@
 #pragma once
+/// @file
+/// The table of the camera models the engine knows.
 #include <string>
 #include <vector>
 
 #include "CameraConfig.h"
 
-// Calls the generated builders in recognition order.
+/// Builds the model table: the generated records in recognition order.
 std::vector<CameraConfig> initCameraDB();
-// Built before main, read-only afterwards.
+/// The model table; built before main, read-only afterwards, so any thread may read it.
 extern std::vector<CameraConfig> cameraDB;
 
-// First record, in table order, whose name occurs inside the product string.
-// On a miss *out stays as it was.
+/// Copies into `*out` the first record, in table order, whose name occurs
+/// inside the USB product string, and returns true; on a miss returns false
+/// and `*out` stays as it was. Any thread.
 bool findCameraConfig(CameraConfig* out, std::wstring deviceName);

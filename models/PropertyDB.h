@@ -1,7 +1,9 @@
 #pragma once
-// The engine's own vocabulary of camera settings. The numbers are stable and
-// the same for every model; a model record translates them into the camera's
-// property cases and raw values.
+/// @file
+/// The engine's own vocabulary of camera settings. The numbers are stable and
+/// the same for every model; a model record translates them into the camera's
+/// property cases and raw values. The lookups and tables are constant: any
+/// thread may use them, and nothing they hand out is freed.
 #include <cstddef>
 #include <map>
 #include <string>
@@ -9,7 +11,8 @@
 
 #include "../DevicePTP/QKResult.h"
 
-// 12 is a hole: no member, no name, no values, offered by no model.
+/// The camera settings; 12 is a hole: no member, no name, no values,
+/// offered by no model.
 enum class QKProp : int {
     ShootingMode = 0,
     ImageSize = 1,
@@ -37,6 +40,7 @@ enum class QKProp : int {
     ManualFocusMode = 24,
 };
 
+/// The values of QKProp::ShootingMode.
 enum class QKProp_ShootingMode : int {
     Auto = 0, Program = 1, Manual = 2, AV = 3, TV = 4, Easy = 5, Movie = 6, Discreet = 7,
     LiveView = 8, Portrait = 9, FaceSelfTimer = 10, LowLight = 11, FishEyeEffect = 12,
@@ -51,22 +55,29 @@ enum class QKProp_ShootingMode : int {
     CreativeShot = 50, Video2 = 51,
 };
 
+/// The values of QKProp::ImageSize.
 enum class QKProp_ImageSize : int { Large = 0, Medium1 = 1, Medium2 = 2, Medium3 = 3, Small = 4, Medium = 5 };
 
+/// The values of QKProp::JpegQuality.
 enum class QKProp_JpegQuality : int { Superfine = 0, Fine = 1, Normal = 2, Normal2 = 3 };
 
+/// The values of QKProp::MeteringMode.
 enum class QKProp_MeteringMode : int { Evaluative = 0, Spot = 1, Center = 2 };
 
+/// The values of QKProp::WBmode.
 enum class QKProp_WBmode : int {
     Auto = 0, DayLight = 1, Cloudy = 2, Tungsten = 3, Fluorescent = 4, FluorescentH = 5,
     Custom = 6, Flash = 7, Underwater = 8, Custom1 = 9, Custom2 = 10,
 };
 
+/// The values of QKProp::FlashMode.
 enum class QKProp_FlashMode : int { Auto = 0, On = 1, Off = 2 };
 
+/// The values of QKProp::RedEyeMode.
 enum class QKProp_RedEyeMode : int { On = 0, Off = 1 };
 
 // The value is the ISO number itself.
+/// The values of QKProp::ISOSpeed.
 enum class QKProp_ISOSpeed : int {
     Auto = 0, Iso80 = 80, Iso100 = 100, Iso125 = 125, Iso160 = 160, Iso200 = 200, Iso250 = 250,
     Iso320 = 320, Iso400 = 400, Iso500 = 500, Iso640 = 640, Iso800 = 800, Iso1000 = 1000,
@@ -76,6 +87,7 @@ enum class QKProp_ISOSpeed : int {
 };
 
 // Ten times the f-number.
+/// The values of QKProp::Av.
 enum class QKProp_Av : int {
     F1_8 = 18, F2_0 = 20, F2_2 = 22, F2_5 = 25, F2_7 = 27, F2_8 = 28, F3_2 = 32, F3_4 = 34,
     F3_5 = 35, F4_0 = 40, F4_5 = 45, F5_0 = 50, F5_6 = 56, F6_3 = 63, F7_1 = 71, F8_0 = 80,
@@ -83,6 +95,7 @@ enum class QKProp_Av : int {
 
 // Roughly the exposure time in ten-thousandths of a second, but fixed numbers:
 // the short end is squeezed (1/3200 is 2, 1/4000 is 1).
+/// The values of QKProp::Tv.
 enum class QKProp_Tv : int {
     Sec15 = 150000, Sec13 = 130000, Sec10 = 100000, Sec8 = 80000, Sec6 = 60000, Sec5 = 50000,
     Sec4 = 40000, Sec3_2 = 32000, Sec2_5 = 25000, Sec2 = 20000, Sec1_6 = 16000, Sec1_3 = 13000,
@@ -98,6 +111,7 @@ enum class QKProp_Tv : int {
 
 // (stops + 2) * 100 within +-2; the outer thirds were added later and got
 // numbers of their own from 500 up.
+/// The values of QKProp::ExposureComp.
 enum class QKProp_ExposureComp : int {
     Minus3 = 500, Minus2_66 = 501, Minus2_33 = 502, Minus2 = 0, Minus1_66 = 34, Minus1_33 = 67,
     Minus1 = 100, Minus0_66 = 134, Minus0_33 = 167, Zero = 200, Plus0_33 = 233, Plus0_66 = 266,
@@ -105,6 +119,7 @@ enum class QKProp_ExposureComp : int {
     Plus3 = 505,
 };
 
+/// The values of QKProp::FlashComp.
 enum class QKProp_FlashComp : int {
     Minus2 = 0, Minus1_66 = 34, Minus1_33 = 67, Minus1 = 100, Minus0_66 = 134, Minus0_33 = 167,
     Zero = 200, Plus0_33 = 233, Plus0_66 = 266, Plus1 = 300, Plus1_33 = 333, Plus1_66 = 366,
@@ -112,12 +127,15 @@ enum class QKProp_FlashComp : int {
 };
 
 // Bars counted from the lowest; DC means a mains supply.
+/// The values of QKProp::BatteryLevel.
 enum class QKProp_BatteryLevel : int { Level1 = 0, Level2 = 1, Level3 = 2, Level4 = 3, DC = 4 };
 
+/// The values of QKProp::FocusingZone.
 enum class QKProp_FocusingZone : int {
     Auto = 0, Normal = 1, Macro = 2, SuperMacro = 3, Infinity = 4, ManualFocus = 5,
 };
 
+/// The values of QKProp::MyColors.
 enum class QKProp_MyColors : int {
     Off = 0, Vivid = 1, Neutral = 2, Sepia = 3, BW = 4, PositiveFilm = 5, LighterSkinTone = 6,
     DarkerSkinTone = 7, VividBlue = 8, VividGreen = 9, VividRed = 10, CustomColor = 11,
@@ -125,42 +143,61 @@ enum class QKProp_MyColors : int {
 };
 
 // The Custom Color adjustments: five steps, 2 is neutral.
+/// The values of QKProp::Contrast.
 enum class QKProp_Contrast : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::Sharpness.
 enum class QKProp_Sharpness : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::Saturation.
 enum class QKProp_Saturation : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::Red.
 enum class QKProp_Red : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::Green.
 enum class QKProp_Green : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::Blue.
 enum class QKProp_Blue : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
+/// The values of QKProp::SkinTone.
 enum class QKProp_SkinTone : int { Minus2 = 0, Minus1 = 1, Zero = 2, Plus1 = 3, Plus2 = 4 };
 
+/// The values of QKProp::FlashPower.
 enum class QKProp_FlashPower : int { Auto = 0, Low = 1, Medium = 2, High = 3 };
 
+/// The values of QKProp::ManualFocusMode.
 enum class QKProp_ManualFocusMode : int { On = 0, Off = 1 };
 
-// One row of the value catalogue. The catalogue keeps each property's values
-// in their display order, which the rule-built model tables walk (Tv from the
-// longest time down, compensation from the lowest step up).
+/// One row of the value catalogue. The catalogue keeps each property's values
+/// in their display order, which the rule-built model tables walk (Tv from the
+/// longest time down, compensation from the lowest step up).
 struct QKPropValueEntry {
-    QKProp property;
-    int value;
-    const char* name;
+    QKProp property;  ///< whose value
+    int value;        ///< the engine's number for it
+    const char* name; ///< its display name
 };
 
-// Constant data, usable while other statics are still being built.
+/// Every value of every property in display order: constant data, usable
+/// while other statics are still being built.
 extern const QKPropValueEntry g_PropValueCatalogue[];
+/// Rows in g_PropValueCatalogue.
 extern const size_t g_PropValueCatalogueSize;
 
+/// Display name of each property.
 extern const std::map<QKProp, const char*> g_PropNames;
+/// Display name of each value, by property and number.
 extern const std::map<std::pair<QKProp, int>, const char*> g_PropValNames;
+/// Number of each value, by property and display name.
 extern const std::map<std::pair<QKProp, std::string>, int> g_PropNamesVal;
+/// Whether a host may write each property.
 extern const std::map<QKProp, bool> g_PropReadWrite;
 
-// 0 and the display name on a hit; 1 on a miss, *name untouched.
+/// The display name of a property: 0 and `*name` (a static string) on a
+/// hit; 1 on a miss, `*name` untouched.
 int GetPropertyName(int property, const char** name);
-// 0 and the value's display name on a hit; 1 on a miss, *name untouched.
+/// The display name of a property's value: 0 and `*name` (a static string)
+/// on a hit; 1 on a miss, `*name` untouched.
 int GetPropertyValName(int property, int value, const char** name);
-// QK_OK and the value on a hit; QK_UNSUPPORTED_VALUE on a miss, *value
-// untouched. Names compare byte by byte: "auto" is not "Auto".
+/// The number of a property's value from its display name: QK_OK and
+/// `*value` on a hit; QK_UNSUPPORTED_VALUE on a miss, `*value` untouched.
+/// Names compare byte by byte: "auto" is not "Auto".
 QKResult GetProperyNameVal(int property, std::string name, int* value);
-// 0 and the writable flag on a hit; 1 on a miss, *readWrite untouched.
+/// Whether a host may write the property: 0 and `*readWrite` on a hit; 1
+/// on a miss, `*readWrite` untouched.
 int IsPropRW(QKProp property, bool* readWrite);

@@ -1,30 +1,37 @@
 #pragma once
-// A chain of timed steps for slow camera work. An operation builds one and
-// returns it; nothing happens until the holder passes it to ContProc::run on
-// a thread of its choice.
+/// @file
+/// Chains of timed steps for slow camera work.
 
 #include <cstdint>
 #include <functional>
 
 #include "../DevicePTP/QKResult.h"
 
+/// A chain of timed steps for slow camera work (zoom, shots). An operation
+/// builds one and returns it; nothing reaches the camera until the holder
+/// passes it to ContProc::run on a thread of its choice.
 class ContProc {
 public:
-    // A step. To end the chain: leave *more false and write *result. To run
-    // again or hand on: write *wait (ms), set *more, and optionally assign
-    // the next step to self->step (after which the running step must not
-    // touch its own captures).
+    /// A step. To end the chain: leave *more false and write *result. To run
+    /// again or hand on: write *wait (ms), set *more, and optionally assign
+    /// the next step to self->step (after which the running step must not
+    /// touch its own captures).
     using Step = std::function<void(ContProc* self, int64_t* wait, QKResult* result, bool* more)>;
 
-    // Ends a chain with QK_OK.
+    /// A step that ends a chain with QK_OK.
     static const Step sentinel;
 
+    /// A chain without a step; run fails it with a log line.
     ContProc() = default;
+    /// A chain that starts with `first`.
     explicit ContProc(Step first) : step(std::move(first)) {}
 
-    // Takes over `proc`, blocks until the chain ends, frees it and returns
-    // the chain's result.
+    /// Takes over `proc` (made with new), runs its steps on the calling
+    /// thread, sleeping their waits, until the chain ends; frees it and
+    /// returns the chain's result. A null chain fails with a log line. Any
+    /// thread; several chains of one camera may run at once on different threads.
     static QKResult run(ContProc* proc);
 
+    /// The step that runs next.
     Step step;
 };

@@ -1,8 +1,9 @@
 #pragma once
-// Many cameras at once: a rig opens a set of attached cameras through one
-// shared transport, readies each for work, runs an operation on all of them
-// in parallel (one worker thread per camera) and shoots them together, the
-// shoot command released to every camera at the same instant.
+/// @file
+/// Many cameras at once: a rig opens a set of attached cameras through one
+/// shared transport, readies each for work, runs an operation on all of them
+/// in parallel (one worker thread per camera) and shoots them together, the
+/// shoot command released to every camera at the same instant.
 
 #include <chrono>
 #include <functional>
@@ -20,7 +21,8 @@ struct RigOutcome {
     std::wstring serial;  ///< The camera's serial number (empty if it could not be read).
     std::wstring path;    ///< The camera's transport path.
     std::string step;     ///< The step that failed, or empty on success.
-    QKResult result = QK_OK;
+    QKResult result = QK_OK; ///< QK_OK, or what the failed step returned
+    /// Whether the camera did it.
     bool ok() const { return result == QK_OK; }
 };
 
@@ -47,9 +49,9 @@ class Rig {
 public:
     /// A camera of the rig, ready for work.
     struct Camera {
-        std::wstring serial;
-        std::wstring path;
-        std::shared_ptr<DevicePTP> device;
+        std::wstring serial;               ///< its serial number
+        std::wstring path;                 ///< its transport path
+        std::shared_ptr<DevicePTP> device; ///< the camera object, session open
     };
 
     /// Opens the attached cameras that `options` asks for, each on its own
