@@ -3,7 +3,7 @@
 // plain loop that starts one normal-shot chain per camera on its own thread.
 // A timed program: prints a table, median of a few shots per cell.
 //
-//   qk_bench_rig_spread [SHOTS]
+//   qk_bench_rig_spread [SHOTS [CAMERAS]]    CAMERAS: one rig size only
 
 #include <algorithm>
 #include <cstdio>
@@ -91,7 +91,10 @@ int main(int argc, char** argv)
     const int shots = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
     std::printf("spread of the shoot command, median of %d shots, in microseconds\n", shots);
     std::printf("%8s %8s %12s %12s %8s\n", "cameras", "files", "rig", "plain loop", "ratio");
+    const int only = argc > 2 ? std::atoi(argv[2]) : 0;
     for (int count : {2, 8, 16}) {
+        if (only > 0 && count != only)
+            continue;
         for (int files : {0, 100, 1000, -1}) {
             const int64_t rig = MedianSpreadUs(count, files, true, shots);
             const int64_t loop = MedianSpreadUs(count, files, false, shots);
