@@ -79,9 +79,7 @@ protected:
     std::shared_ptr<PreviewCamera> Open()
     {
         camera = AddCamera("SX160", "QKP0001");
-        auto device = std::make_shared<PreviewCamera>(Transport(), camera->Path());
-        EXPECT_EQ(device->Init(), QK_OK);
-        return device;
+        return OpenDevice<PreviewCamera>(*camera);
     }
 
     Picture Borrow(const std::shared_ptr<PreviewCamera>& device)
@@ -99,13 +97,7 @@ protected:
         ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     }
 
-    int Sent(uint32_t subCommand) const
-    {
-        int n = 0;
-        for (const PtpCommand& c : camera->ReceivedCommands())
-            n += c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == subCommand;
-        return n;
-    }
+    int Sent(uint32_t subCommand) const { return qktest::CountSent(*camera, PTP_OC_QKM, subCommand); }
 
     std::shared_ptr<qksim::VirtualCamera> camera;
 };
@@ -115,12 +107,8 @@ TEST_F(PreviewRetrievalTest, SettingsFirstThenTheWholeFrameAndTheSettingsAgainOn
     auto device = Open();
     LogMark mark;
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    const std::vector<PtpCommand> sent = camera->ReceivedCommands();
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].code, 0x9999);
-    EXPECT_EQ(sent[0].params, std::vector<uint32_t>{0x0B});
-    EXPECT_EQ(sent[1].code, 0x9999);
-    EXPECT_EQ(sent[1].params, (std::vector<uint32_t>{0x01, 0, 259200}));
+    EXPECT_EQ(camera->ReceivedCommands().size(), 2u);
+    EXPECT_EQ(qktest::VendorCalls(*camera), (std::vector<qktest::VendorCall>{{0x0B, {}}, {0x01, {0, 259200}}}));
     // The first reading is a change from the all-zero record.
     EXPECT_EQ(mark.Count("VideoSettings: 720 240 1080 240 30 2", "INF"), 1) << mark.Since();
     EXPECT_EQ(device->newFrames, 1);
