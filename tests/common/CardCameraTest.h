@@ -70,8 +70,7 @@ protected:
     {
         camera = AddCamera("SX160", "QKF0001");
         ASSERT_TRUE(camera);
-        device = std::make_shared<CardCamera>(Transport(), camera->Path());
-        ASSERT_EQ(device->Init(), QK_OK);
+        device = OpenDevice<CardCamera>(*camera);
         camera->ClearRecords();
     }
     void TearDown() override
@@ -96,17 +95,8 @@ protected:
         camera->SetVendorHandler(subCommand, [reply](const qksim::PtpCommand&) { return reply; });
     }
 
-    // Commands received since the last ClearRecords with this operation code
-    // and, for the vendor operation, this sub-command.
-    int Sent(uint16_t code, int subCommand = -1) const
-    {
-        int n = 0;
-        for (const qksim::PtpCommand& c : camera->ReceivedCommands())
-            if (c.code == code &&
-                (subCommand < 0 || (!c.params.empty() && c.params[0] == static_cast<uint32_t>(subCommand))))
-                ++n;
-        return n;
-    }
+    // Commands received since the last ClearRecords.
+    int Sent(uint16_t code, int subCommand = -1) const { return CountSent(*camera, code, subCommand); }
 
     // A path in the test's directory, removed after the test.
     std::string Local(const std::string& name)

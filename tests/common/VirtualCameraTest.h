@@ -6,8 +6,11 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "DevicePTP/DevicePTP.h"
+#include "DevicePTP/PtpCodes.h"
 #include "sim/VirtualBus.h"
 #include "usb/UsbLib_libusb.h"
 
@@ -43,8 +46,39 @@ protected:
         return usb;
     }
 
+    // A host's camera object on `camera`, opened.
+    template <class Device>
+    std::shared_ptr<Device> OpenDevice(const qksim::VirtualCamera& camera)
+    {
+        auto device = std::make_shared<Device>(Transport(), camera.Path());
+        EXPECT_EQ(device->Init(), QK_OK);
+        return device;
+    }
+
     std::shared_ptr<UsbLib> usb;
 };
+
+// One vendor sub-command as the camera received it, and the parameters behind it.
+using VendorCall = std::pair<uint32_t, std::vector<uint32_t>>;
+
+inline std::vector<VendorCall> VendorCalls(const qksim::VirtualCamera& camera, uint32_t only = 0)
+{
+    std::vector<VendorCall> calls;
+    for (const qksim::PtpCommand& c : camera.ReceivedCommands())
+        if (c.code == PTP_OC_QKM && !c.params.empty() && (!only || c.params[0] == only))
+            calls.push_back({c.params[0], std::vector<uint32_t>(c.params.begin() + 1, c.params.end())});
+    return calls;
+}
+
+// Commands received with this operation code and, for the vendor operation, this sub-command.
+inline int CountSent(const qksim::VirtualCamera& camera, uint16_t code, int subCommand = -1)
+{
+    int n = 0;
+    for (const qksim::PtpCommand& c : camera.ReceivedCommands())
+        n += c.code == code &&
+             (subCommand < 0 || (!c.params.empty() && c.params[0] == static_cast<uint32_t>(subCommand)));
+    return n;
+}
 
 // Commands as {length, type, code, transaction id, parameters...}, to compare whole.
 inline std::vector<std::vector<uint32_t>> Records(const std::vector<qksim::PtpCommand>& commands)

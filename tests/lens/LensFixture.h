@@ -84,9 +84,8 @@ private:
 inline std::vector<std::vector<uint32_t>> ArgsOf(const qksim::VirtualCamera& camera, uint32_t sub)
 {
     std::vector<std::vector<uint32_t>> args;
-    for (const qksim::PtpCommand& c : camera.ReceivedCommands())
-        if (c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == sub)
-            args.emplace_back(c.params.begin() + 1, c.params.end());
+    for (const VendorCall& call : VendorCalls(camera, sub))
+        args.push_back(call.second);
     return args;
 }
 
@@ -94,9 +93,8 @@ inline std::vector<std::vector<uint32_t>> ArgsOf(const qksim::VirtualCamera& cam
 inline std::vector<uint32_t> SubCommands(const qksim::VirtualCamera& camera)
 {
     std::vector<uint32_t> subs;
-    for (const qksim::PtpCommand& c : camera.ReceivedCommands())
-        if (c.code == PTP_OC_QKM && !c.params.empty())
-            subs.push_back(c.params[0]);
+    for (const VendorCall& call : VendorCalls(camera))
+        subs.push_back(call.first);
     return subs;
 }
 
@@ -116,8 +114,7 @@ protected:
     {
         camera = AddCamera(model, "QKS0005");
         ASSERT_TRUE(camera);
-        device = std::make_shared<LensCamera>(Transport(), camera->Path());
-        ASSERT_EQ(device->Init(), QK_OK);
+        device = OpenDevice<LensCamera>(*camera);
         ASSERT_EQ(device->InitialLoadProperties(), QK_OK);
         camera->ClearRecords();
         device->ClearHooks();

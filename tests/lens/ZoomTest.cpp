@@ -1,8 +1,9 @@
 // Zoom: the chain from request to hook on the wire, its limits and failures,
-// and taking over a zoom made on the camera.
+// taking over a zoom made on the camera, and all of it from two threads.
 
 #include <algorithm>
 #include <atomic>
+#include <thread>
 
 #include "tests/lens/LensFixture.h"
 
@@ -113,42 +114,37 @@ TEST_F(LensTest, EarlierFinishEventDoesNotEndANewZoom)
 
 TEST_F(LensTest, ManualFocusIsHeldAndAskedOnlyWhereTheModelHasIt)
 {
-    const std::vector<uint32_t> plain{PTP_QKM_SetZoom, PTP_QKM_GetEvents};
-    {
-        SCOPED_TRACE("SX160 with manual focus switched on by the host");
-        Open("SX160");
-        ASSERT_EQ(device->SetPropertyData(static_cast<int>(QKProp::ManualFocusMode), 0), QK_OK);
+    enum Setup { HostSwitchedItOn, CameraOffersNone, ModelHasNone };
+    const struct {
+        const char* model;
+        Setup setup;
+        int asked;
+        uint32_t sent;
+    } cases[] = {{"SX160", HostSwitchedItOn, 10, 10}, {"SX160", CameraOffersNone, 10, 10}, {"A1400", ModelHasNone, 100, 63}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.setup);
+        Open(c.model);
+        if (c.setup == HostSwitchedItOn) {
+            ASSERT_EQ(device->SetPropertyData(static_cast<int>(QKProp::ManualFocusMode), 0), QK_OK);
+        } else if (c.setup == CameraOffersNone) {
+            Settings().SetFlagWord(0x5);
+            ASSERT_EQ(device->LoadCameraFlags(), QK_OK);
+        }
         camera->ClearRecords();
         LogMark mark;
-        ASSERT_EQ(Zoom(10), QK_OK);
-        EXPECT_EQ(SubCommands(*camera), plain);
+        if (c.setup != HostSwitchedItOn) {
+            EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
+            EXPECT_TRUE(camera->ReceivedCommands().empty());
+        }
+        ASSERT_EQ(Zoom(c.asked), QK_OK);
+        EXPECT_EQ(SubCommands(*camera), (std::vector<uint32_t>{PTP_QKM_SetZoom, PTP_QKM_GetEvents}));
+        EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom), (std::vector<std::vector<uint32_t>>{{c.sent}}));
+        EXPECT_EQ(device->ZoomHooks(), std::vector<int>{static_cast<int>(c.sent)});
+        // Neither switched nor complained about.
         EXPECT_EQ(mark.Count("Manual focus on zoom"), 0);
-        EXPECT_TRUE(Settings().ManualFocusOn()) << "the host's choice stands";
+        EXPECT_EQ(mark.Count("", "ERR"), 0);
+        EXPECT_EQ(Settings().ManualFocusOn(), c.setup == HostSwitchedItOn) << "the host's choice stands";
         TearDown();
-    }
-    {
-        SCOPED_TRACE("SX160 whose camera offers no manual focus");
-        Open("SX160");
-        Settings().SetFlagWord(0x5);
-        ASSERT_EQ(device->LoadCameraFlags(), QK_OK);
-        camera->ClearRecords();
-        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
-        EXPECT_TRUE(camera->ReceivedCommands().empty());
-        ASSERT_EQ(Zoom(10), QK_OK);
-        EXPECT_EQ(SubCommands(*camera), plain);
-        TearDown();
-    }
-    {
-        SCOPED_TRACE("A1400, a model without the property");
-        Open("A1400");
-        LogMark mark;
-        EXPECT_EQ(device->UpdateFocusPos(), QK_UNKNOWN_PROPERTY);
-        EXPECT_TRUE(camera->ReceivedCommands().empty());
-        EXPECT_EQ(mark.Since(), "");
-        ASSERT_EQ(Zoom(100), QK_OK);
-        EXPECT_EQ(SubCommands(*camera), plain);
-        EXPECT_EQ(ArgsOf(*camera, PTP_QKM_SetZoom), (std::vector<std::vector<uint32_t>>{{63}}));
-        EXPECT_EQ(device->ZoomHooks(), std::vector<int>{63});
     }
 }
 
@@ -239,6 +235,62 @@ TEST_F(LensTest, UpdateZoomTakesOverTheCameraAndAnnouncesOnce)
     Settings().SetZoomPosition(999);
     EXPECT_EQ(device->UpdateZoom(), QK_OK);
     EXPECT_EQ(device->ZoomHooks(), (std::vector<int>{0, 40, 125}));
+}
+
+// The lens from two threads: a zoom chain on one, queries, take-overs and
+// focus shifts on another, as a host with a polling loop would do.
+TEST_F(LensTest, QueriesFromAnotherThreadWhileTheZoomChainRuns)
+{
+    Open("SX160");
+    Lens().SetZoomTimePerPosition(8ms); // 100 positions: 800 ms
+    ASSERT_EQ(device->PTPManualFocusSet(Row(0)[10], nullptr), QK_OK);
+
+    std::atomic<bool> done{false};
+    QKResult chainResult = QK_ERROR;
+    std::thread chain([&] {
+        chainResult = Zoom(100);
+        done = true;
+    });
+    int rounds = 0;
+    while (!done) {
+        int zoom = -1, focus = -1;
+        EXPECT_EQ(device->UpdateZoom(), QK_OK);
+        EXPECT_EQ(device->GetZoom(&zoom), QK_OK);
+        EXPECT_GE(zoom, 0);
+        EXPECT_LE(zoom, 100);
+        EXPECT_EQ(device->UpdateFocusPos(), QK_OK);
+        EXPECT_EQ(device->GetFocus(&focus), QK_OK);
+        EXPECT_EQ(device->FocusShift(rounds % 2 ? 1 : -1), QK_OK);
+        // Copies the model record afresh while the chain reads it.
+        EXPECT_EQ(device->Init(), QK_OK);
+        ++rounds;
+    }
+    chain.join();
+    ASSERT_EQ(chainResult, QK_OK);
+    EXPECT_GE(rounds, 3);
+
+    // The camera's positions while moving, then the chain's; each once.
+    std::vector<int> hooks = device->ZoomHooks();
+    ASSERT_GE(hooks.size(), 2u);
+    EXPECT_LT(hooks.front(), 100);
+    EXPECT_EQ(hooks.back(), 100);
+    for (size_t i = 1; i < hooks.size(); ++i)
+        EXPECT_LT(hooks[i - 1], hooks[i]) << "at " << i;
+    EXPECT_EQ(ZoomNow(), 100);
+}
+
+TEST_F(LensTest, TwoThreadsTakingOverOneChangeAnnounceItOnce)
+{
+    Open("SX160");
+    std::vector<int> expected;
+    for (int position = 5; position <= 100; position += 5) {
+        Settings().SetZoomPosition(position);
+        std::thread other([&] { EXPECT_EQ(device->UpdateZoom(), QK_OK); });
+        EXPECT_EQ(device->UpdateZoom(), QK_OK);
+        other.join();
+        expected.push_back(position);
+    }
+    EXPECT_EQ(device->ZoomHooks(), expected);
 }
 
 } // namespace

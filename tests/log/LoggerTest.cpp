@@ -323,72 +323,6 @@ TEST_F(LoggerTest, MessagesAreLaidOutAsWritten)
     EXPECT_FALSE(fs::exists(Path("other_api.log")));
 }
 
-// Time, source, thread and type word of each line, and the console: one
-// coloured block per message, without the start-up blanks.
-TEST_F(LoggerTest, LinesShowWhenWhereAndWhoOnBothLogsAndTheConsole)
-{
-    struct Kind {
-        int type;
-        const char* file;
-        int line;
-        const char* word;
-        const char* colour;
-    };
-    const Kind kinds[] = {
-        {QK_LOG_DEBUG, "cam/a.cpp", 1, "DEB", "\033[0;30m"},
-        {QK_LOG_INFO, "cam/b.cpp", 22, "INF", "\033[1;32m"},
-        {3, "cam/d.cpp", 4444, "DEB", "\033[1;30m"}, // a type of no name
-        {QK_LOG_ERROR, "cam/c.cpp", 333, "ERR", "\033[1;31m"},
-    };
-    const std::string before = NowStamp();
-    ASSERT_EQ(0, Run([&] {
-        LoggerSpecialInit(true, Path("main.log"), Path("api.log"));
-        const unsigned long tid = static_cast<unsigned long>(pthread_self());
-        QK_LOG_INF("macro %lu %d", tid, __LINE__);
-        for (const Kind& kind : kinds)
-            LogMsg(QK_LOG_MAIN, static_cast<QKLogMsgType>(kind.type), kind.file, kind.line,
-                   std::this_thread::get_id(), "%s %lu%s", kind.file, tid,
-                   kind.type == QK_LOG_ERROR ? "\nsecond line" : "");
-        LogMsg(QK_LOG_API, QK_LOG_INFO, "c.cpp", 5, std::thread::id(), "api");
-    }));
-    const std::string after = NowStamp();
-
-    const std::vector<std::string> lines = Lines(ReadFile(Path("main.log")));
-    ASSERT_EQ(9u, lines.size());
-    EXPECT_EQ(kBlankStart, ReadFile(Path("main.log")).substr(0, 3));
-    // Word, stamp, text, the thread's number as the system knows it, source, thread.
-    static const std::regex first("(DEB|INF|ERR) (\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}) \\| "
-                                  "(\\S+) (\\d+)( \\d+)? +\\| (.*):(\\d+) \\[(\\d+)\\]");
-    for (std::size_t i = 3; i < 8; ++i) {
-        SCOPED_TRACE(lines[i]);
-        std::smatch field;
-        ASSERT_TRUE(std::regex_match(lines[i], field, first));
-        const Kind* kind = i > 3 ? &kinds[i - 4] : nullptr;
-        EXPECT_EQ(kind ? kind->word : "INF", field[1].str());
-        // Fixed-width fields: text order is time order within a year.
-        if (before <= after) {
-            EXPECT_LE(before, field[2].str());
-            EXPECT_GE(after, field[2].str());
-        }
-        EXPECT_EQ(kind ? kind->file : "macro", field[3].str());
-        EXPECT_EQ(kind ? std::string() : " " + field[7].str(), field[5].str());
-        EXPECT_EQ(kind ? kind->file : __FILE__, field[6].str());
-        if (kind) {
-            EXPECT_EQ(std::to_string(kind->line), field[7].str());
-        }
-        EXPECT_EQ(field[4], field[8]);
-        EXPECT_EQ(kHeadLength + 3 + 70, lines[i].find(" | ", kHeadLength + 1));
-    }
-    EXPECT_EQ(lines[7].substr(0, kHeadLength) + " | second line", lines[8]);
-    const std::string api = ReadFile(Path("api.log"));
-    ASSERT_TRUE(IsLog(api, {{"INF", {Tail("api", "c.cpp", 5)}}}));
-
-    std::string console = "\033[1;32m" + lines[3] + kReset + "\n";
-    for (std::size_t i = 0; i < 4; ++i)
-        console += kinds[i].colour + lines[4 + i] + (i == 3 ? "\n" + lines[8] : "") + kReset + "\n";
-    EXPECT_EQ(console + "\033[1;32m" + Lines(api)[3] + kReset + "\n", Stdout());
-}
-
 TEST_F(LoggerTest, UnopenableLogsLoseLinesButConsoleGoesOn)
 {
     ASSERT_TRUE(WriteFile(Path("plain"), "not a directory\n"));
@@ -510,10 +444,27 @@ TEST_F(LoggerTest, EachRunTrimsLogsToTheirLastMiBAndAddsABlankStart)
     }
 }
 
-TEST_F(LoggerTest, ThreadsMakeOneLoggerAndNeverInterleaveLines)
+// Threads race to make the logger and log at once: one logger, no line of
+// one message between those of another. Each first line shows the local
+// time, the text filled to its width, the source and the thread as the
+// system numbers it; the console gets each message as one block in the
+// colour of its type, without the start-up blanks.
+TEST_F(LoggerTest, ThreadsShareOneLoggerAndLinesShowWhenWhereAndWho)
 {
+    struct Kind {
+        int type;
+        const char* word;
+        const char* colour;
+    };
+    const Kind kinds[] = {
+        {QK_LOG_DEBUG, "DEB", "\033[0;30m"},
+        {QK_LOG_INFO, "INF", "\033[1;32m"},
+        {QK_LOG_ERROR, "ERR", "\033[1;31m"},
+        {3, "DEB", "\033[1;30m"}, // a type of no name
+    };
     constexpr int kThreads = 4;
     constexpr int kMessages = 150;
+    const std::string before = NowStamp();
     ASSERT_EQ(0, Run([&] {
         std::atomic<int> ready{0};
         std::vector<std::thread> threads;
@@ -524,13 +475,17 @@ TEST_F(LoggerTest, ThreadsMakeOneLoggerAndNeverInterleaveLines)
                     std::this_thread::yield();
                 // They race to make the logger; one set of paths wins.
                 LoggerSpecialInit(true, Path("main" + std::to_string(t)), Path("api" + std::to_string(t)));
+                const unsigned long tid = static_cast<unsigned long>(pthread_self());
                 for (int m = 0; m < kMessages; ++m)
-                    LogMsg(QK_LOG_MAIN, QK_LOG_INFO, "t.cpp", t, std::this_thread::get_id(),
-                           "t%d m%d a\nt%d m%d b\nt%d m%d c", t, m, t, m, t, m);
+                    LogMsg(QK_LOG_MAIN, static_cast<QKLogMsgType>(kinds[t].type), "t.cpp", t,
+                           std::this_thread::get_id(), "t%d m%d %lu\nt%d m%d b\nt%d m%d c", t, m, tid, t, m, t, m);
             });
         for (std::thread& thread : threads)
             thread.join();
+        QK_LOG_INF("macro %d %lu", __LINE__, static_cast<unsigned long>(pthread_self()));
+        LogMsg(QK_LOG_API, QK_LOG_INFO, "c.cpp", 5, std::thread::id(), "api");
     }));
+    const std::string after = NowStamp();
 
     int winner = -1;
     for (int t = 0; t < kThreads; ++t)
@@ -541,34 +496,60 @@ TEST_F(LoggerTest, ThreadsMakeOneLoggerAndNeverInterleaveLines)
     ASSERT_NE(-1, winner);
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(t == winner, fs::exists(Path("api" + std::to_string(t))));
-    EXPECT_EQ(kBlankStart, ReadFile(Path("api" + std::to_string(winner))));
+    const std::string api = ReadFile(Path("api" + std::to_string(winner)));
+    ASSERT_TRUE(IsLog(api, {{"INF", {Tail("api", "c.cpp", 5)}}}));
 
-    const std::vector<std::string> lines = Lines(ReadFile(Path("main" + std::to_string(winner))));
-    ASSERT_EQ(3u + 3u * kThreads * kMessages, lines.size());
-    static const std::regex first("INF .{18} \\| (t(\\d) m(\\d+)) a {60,} \\| t\\.cpp:(\\d) \\[(\\d+)\\]");
+    const std::string log = ReadFile(Path("main" + std::to_string(winner)));
+    const std::vector<std::string> lines = Lines(log);
+    ASSERT_EQ(kBlankStart, log.substr(0, 3));
+    ASSERT_EQ(3u + 3u * kThreads * kMessages + 1u, lines.size());
+    // Word, stamp, text, source, thread.
+    static const std::regex first("(DEB|INF|ERR) (\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}) \\| (.{70}) \\| "
+                                  "(.*):(\\d+) \\[(\\d+)\\]");
+    const auto fields = [&](const std::string& line, std::smatch* field) {
+        if (!HasHead(line) || !std::regex_match(line, *field, first))
+            return false;
+        // Fixed-width fields: text order is time order within a year.
+        return before > after || (before <= (*field)[2].str() && (*field)[2].str() <= after);
+    };
+    static const std::regex text("t(\\d) m(\\d+) (\\d+) *"), macro("macro (\\d+) (\\d+) *");
     std::vector<int> next(kThreads, 0);
     std::vector<std::string> ids(kThreads);
     std::string console;
-    for (std::size_t i = 3; i < lines.size(); i += 3) {
-        std::smatch field;
-        ASSERT_TRUE(HasHead(lines[i]) && std::regex_match(lines[i], field, first)) << lines[i];
-        const int t = std::stoi(field[2]);
-        ASSERT_TRUE(t < kThreads && field[4] == field[2]) << lines[i];
-        EXPECT_EQ(next[t]++, std::stoi(field[3])) << lines[i];
+    for (std::size_t i = 3; i + 1 < lines.size(); i += 3) {
+        std::smatch field, said;
+        ASSERT_TRUE(fields(lines[i], &field)) << lines[i];
+        const std::string shown = field[3];
+        ASSERT_TRUE(std::regex_match(shown, said, text)) << lines[i];
+        const int t = std::stoi(said[1]);
+        ASSERT_TRUE(t < kThreads && field[5] == said[1] && field[4] == "t.cpp") << lines[i];
+        EXPECT_EQ(kinds[t].word, field[1].str());
+        EXPECT_EQ(next[t]++, std::stoi(said[2])) << lines[i];
+        EXPECT_EQ(said[3], field[6]) << lines[i];
         if (ids[t].empty())
-            ids[t] = field[5];
-        EXPECT_EQ(ids[t], field[5]);
+            ids[t] = field[6];
+        EXPECT_EQ(ids[t], field[6]);
         const std::string head = lines[i].substr(0, kHeadLength);
-        ASSERT_EQ(head + " | " + field[1].str() + " b", lines[i + 1]);
-        ASSERT_EQ(head + " | " + field[1].str() + " c", lines[i + 2]);
-        console += "\033[1;32m" + lines[i] + "\n" + lines[i + 1] + "\n" + lines[i + 2] + kReset + "\n";
+        const std::string message = "t" + said[1].str() + " m" + said[2].str();
+        ASSERT_EQ(head + " | " + message + " b", lines[i + 1]);
+        ASSERT_EQ(head + " | " + message + " c", lines[i + 2]);
+        console += kinds[t].colour + lines[i] + "\n" + lines[i + 1] + "\n" + lines[i + 2] + kReset + "\n";
     }
     for (int t = 0; t < kThreads; ++t) {
         EXPECT_EQ(kMessages, next[t]);
         for (int u = 0; u < t; ++u)
             EXPECT_NE(ids[u], ids[t]);
     }
-    // The console saw the same messages in the same order.
+    // The macro names this source and line.
+    std::smatch field, said;
+    ASSERT_TRUE(fields(lines.back(), &field)) << lines.back();
+    const std::string shown = field[3];
+    ASSERT_TRUE(std::regex_match(shown, said, macro)) << lines.back();
+    EXPECT_EQ("INF", field[1].str());
+    EXPECT_EQ(__FILE__, field[4].str());
+    EXPECT_EQ(said[1], field[5]);
+    EXPECT_EQ(said[2], field[6]);
+    console += "\033[1;32m" + lines.back() + kReset + "\n\033[1;32m" + Lines(api)[3] + kReset + "\n";
     EXPECT_TRUE(SameBytes(Stdout(), console));
 }
 

@@ -79,9 +79,7 @@ protected:
     std::shared_ptr<PreviewCamera> Open()
     {
         camera = AddCamera("SX160", "QKP0001");
-        auto device = std::make_shared<PreviewCamera>(Transport(), camera->Path());
-        EXPECT_EQ(device->Init(), QK_OK);
-        return device;
+        return OpenDevice<PreviewCamera>(*camera);
     }
 
     Picture Borrow(const std::shared_ptr<PreviewCamera>& device)
@@ -99,13 +97,7 @@ protected:
         ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     }
 
-    int Sent(uint32_t subCommand) const
-    {
-        int n = 0;
-        for (const PtpCommand& c : camera->ReceivedCommands())
-            n += c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == subCommand;
-        return n;
-    }
+    int Sent(uint32_t subCommand) const { return qktest::CountSent(*camera, PTP_OC_QKM, subCommand); }
 
     std::shared_ptr<qksim::VirtualCamera> camera;
 };
@@ -115,12 +107,8 @@ TEST_F(PreviewRetrievalTest, SettingsFirstThenTheWholeFrameAndTheSettingsAgainOn
     auto device = Open();
     LogMark mark;
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    const std::vector<PtpCommand> sent = camera->ReceivedCommands();
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].code, 0x9999);
-    EXPECT_EQ(sent[0].params, std::vector<uint32_t>{0x0B});
-    EXPECT_EQ(sent[1].code, 0x9999);
-    EXPECT_EQ(sent[1].params, (std::vector<uint32_t>{0x01, 0, 259200}));
+    EXPECT_EQ(camera->ReceivedCommands().size(), 2u);
+    EXPECT_EQ(qktest::VendorCalls(*camera), (std::vector<qktest::VendorCall>{{0x0B, {}}, {0x01, {0, 259200}}}));
     // The first reading is a change from the all-zero record.
     EXPECT_EQ(mark.Count("VideoSettings: 720 240 1080 240 30 2", "INF"), 1) << mark.Since();
     EXPECT_EQ(device->newFrames, 1);
@@ -198,7 +186,7 @@ TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoadAndUnreadableSet
     EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
 }
 
-TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
+TEST_F(PreviewRetrievalTest, TwoBuffersTheLentPictureAndANewSize)
 {
     auto device = Open();
     // Nothing lent: both loads write buffer 0.
@@ -240,10 +228,21 @@ TEST_F(PreviewRetrievalTest, TwoBuffersAndTheLentPicture)
     Picture same = Borrow(device);
     EXPECT_EQ(same.data, newest.data);
     EXPECT_EQ(device->Held(), 1);
-    // With buffer 1 lent the load writes buffer 0.
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
+    // With buffer 1 lent the load writes buffer 0; a new size reallocates
+    // only the buffer written.
+    const std::vector<uint8_t> lentBytes = same.Copy();
+    LoadSettings(device, PreviewSettings::Sized(704, 480));
+    EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 506880}));
     EXPECT_EQ(device->Ready(), 0);
+    EXPECT_EQ(device->Buffer(0).len, 921654u);
+    EXPECT_EQ(device->Buffer(1).len, 230454u);
+    EXPECT_EQ(same.Copy(), lentBytes);
+    EXPECT_EQ(device->seen, (std::vector<int>{640, 480, 0}));
     device->FreePointer(same.data);
+    Picture resized = Borrow(device);
+    EXPECT_EQ(resized.size, 921654);
+    EXPECT_EQ(GetLe32(resized.Bytes() + 18), 640u);
+    device->FreePointer(resized.data);
     EXPECT_EQ(device->newFrames, 5);
 }
 
@@ -273,30 +272,6 @@ TEST_F(PreviewRetrievalTest, HooksSeeThePixelsMayBorrowAtOnceAndReleaseOutlivesT
     device.reset(); // buffers freed with the object
     EXPECT_EQ(mark.Count("DevicePTP deleted"), 1);
     release(fromHook.data); // finds no camera and touches nothing
-}
-
-TEST_F(PreviewRetrievalTest, ANewSizeReallocatesOnlyTheBufferWritten)
-{
-    auto device = Open();
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    Picture lent = Borrow(device);
-    const std::vector<uint8_t> before = lent.Copy();
-
-    LoadSettings(device, PreviewSettings::Sized(704, 480));
-    EXPECT_EQ(camera->ReceivedCommands().back().params, (std::vector<uint32_t>{0x01, 0, 506880}));
-    EXPECT_EQ(device->Buffer(1).len, 921654u);
-    EXPECT_EQ(device->Buffer(0).len, 230454u);
-    EXPECT_EQ(lent.Copy(), before);
-    EXPECT_EQ(device->seen, (std::vector<int>{640, 480, 0}));
-
-    device->FreePointer(lent.data);
-    Picture newest = Borrow(device);
-    EXPECT_EQ(newest.size, 921654);
-    EXPECT_EQ(GetLe32(newest.Bytes() + 18), 640u);
-    device->FreePointer(newest.data);
-    // Nothing lent: buffer 0 takes the new size at its next load.
-    ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
-    EXPECT_EQ(device->Buffer(0).len, 921654u);
 }
 
 TEST_F(PreviewRetrievalTest, FailedLoadsAndHostileSettingsKeepTheLastGoodPicture)

@@ -46,22 +46,6 @@ private:
     std::vector<std::string> hooks;
 };
 
-// One vendor sub-command as the camera received it, and the parameters behind it.
-using VendorCall = std::pair<uint32_t, std::vector<uint32_t>>;
-
-inline std::vector<VendorCall> VendorCalls(const qksim::VirtualCamera& camera, uint32_t only = 0)
-{
-    std::vector<VendorCall> calls;
-    for (const qksim::PtpCommand& c : camera.ReceivedCommands()) {
-        if (c.code != PTP_OC_QKM || c.params.empty())
-            continue;
-        if (only && c.params[0] != only)
-            continue;
-        calls.push_back({c.params[0], std::vector<uint32_t>(c.params.begin() + 1, c.params.end())});
-    }
-    return calls;
-}
-
 class PropertyTest : public VirtualCameraTest {
 protected:
     void TearDown() override
@@ -75,8 +59,7 @@ protected:
     {
         camera = AddCamera(model, "QKS0001");
         ASSERT_TRUE(camera);
-        device = std::make_shared<RecordingCamera>(Transport(), camera->Path());
-        ASSERT_EQ(device->Init(), QK_OK);
+        device = OpenDevice<RecordingCamera>(*camera);
         if (load)
             Load();
     }
@@ -85,8 +68,7 @@ protected:
     std::shared_ptr<Host> Reopen()
     {
         device.reset();
-        auto host = std::make_shared<Host>(Transport(), camera->Path());
-        EXPECT_EQ(host->Init(), QK_OK);
+        auto host = OpenDevice<Host>(*camera);
         device = host;
         return host;
     }
