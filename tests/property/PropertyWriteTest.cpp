@@ -254,13 +254,15 @@ TEST_F(PropertyQueryTest, ListsAndValuesFollowTheConstraints)
     EXPECT_EQ(Values(QKProp::Av), (std::vector<int>{35, 40, 45, 50, 56, 63, 71, 80}));
     EXPECT_EQ(Values(QKProp::JpegQuality), (std::vector<int>{0, 1, 2}));
 
-    // The list goes back through FreePointer, which knows it.
+    // Arrays go back once through FreePointer.
     int* props = nullptr;
     int count = 0;
     ASSERT_EQ(device->GetPropertyList(&props, &count), QK_OK);
     LogMark mark;
     device->FreePointer(props);
     EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(props);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
 TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeightAndValuesComeInTheModelsOrder)
