@@ -8,7 +8,10 @@
 
 namespace {
 
+using qksim::PtpReply;
+using qksim::RefusalReply;
 using qktest::LogMark;
+using Clock = std::chrono::steady_clock;
 
 class Shoot : public qktest::CardCameraTest {};
 
@@ -136,9 +139,6 @@ TEST_F(Shoot, FailuresEndTheChainWithTheirMessageBeforeTheFile)
 
 // Video recording, which bars shots while it runs and leaves a movie on the
 // card, and the AE/AF update with its second of settling.
-using qksim::PtpReply;
-using qksim::RefusalReply;
-using Clock = std::chrono::steady_clock;
 
 class Video : public qktest::CardCameraTest {
 protected:

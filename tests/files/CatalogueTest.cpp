@@ -259,6 +259,8 @@ TEST_F(Catalogue, FileListIsASnapshotGivenBackThroughFreePointer)
     LogMark mark;
     device->FreePointer(files);
     EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(files);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 
 namespace {
 
+using qksim::PtpReply;
 using qktest::LogMark;
 using qktest::Pattern;
 
@@ -242,19 +243,10 @@ TEST_F(Download, CleanCardKeepsNumbersBelowTenAndOtherNames)
 
 // The camera's own diagnostics: its log file shown in our log, and its
 // memory statistics read from the model's address when memory logging is on.
-using qksim::PtpCommand;
-using qksim::PtpReply;
 
 class CameraLog : public qktest::CardCameraTest {
 protected:
-    std::vector<std::vector<uint32_t>> MemoryReads() const
-    {
-        std::vector<std::vector<uint32_t>> reads;
-        for (const PtpCommand& c : camera->ReceivedCommands())
-            if (c.code == PTP_OC_QKM && !c.params.empty() && c.params[0] == PTP_BASEMOD_ReadMem)
-                reads.push_back(c.params);
-        return reads;
-    }
+    std::vector<qktest::VendorCall> MemoryReads() const { return qktest::VendorCalls(*camera, PTP_BASEMOD_ReadMem); }
 };
 
 TEST_F(CameraLog, CameraWritesItsLogAndWeShowItCutByTheLogger)
@@ -317,7 +309,7 @@ TEST_F(CameraLog, MemoryFiguresAreReadFromTheModelsAddressOnlyWhenLoggingIsOnAnd
     camera->ClearRecords();
     LogMark mark;
     ASSERT_EQ(device->PTPDownloadFile(static_cast<int>(Card().Find("IMG_0001.JPG")), Local("b.jpg")), QK_OK);
-    EXPECT_EQ(MemoryReads(), (std::vector<std::vector<uint32_t>>{{PTP_BASEMOD_ReadMem, 0x10300, 36}}));
+    EXPECT_EQ(MemoryReads(), (std::vector<qktest::VendorCall>{{PTP_BASEMOD_ReadMem, {0x10300, 36}}}));
     EXPECT_EQ(mark.Count("0x10300 memory: after PTP_OC_GetObject", "DEB"), 1);
     for (const char* line : {"start address:   4096", "total size:      2097152", "allocated peak:  777",
                              "allocated size:  555", "allocated count: 33",
@@ -350,8 +342,7 @@ TEST_F(MemoryAddress, EachModelReadsItsOwnRecord)
         cameras.push_back(AddCamera(model.first, std::string("QKM") + model.first));
     for (size_t i = 0; i < cameras.size(); ++i) {
         SCOPED_TRACE(models[i].first);
-        auto camera = std::make_shared<qktest::CardCamera>(Transport(), cameras[i]->Path());
-        ASSERT_EQ(camera->Init(), QK_OK);
+        auto camera = OpenDevice<qktest::CardCamera>(*cameras[i]);
         camera->SetMemLogging(true);
         cameras[i]->Memory().SetStatistics({0, 0, 0, 0, 0, 0, 0, 0, static_cast<uint32_t>(100 + i)});
         LogMark mark;

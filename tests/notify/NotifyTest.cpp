@@ -13,7 +13,10 @@
 namespace {
 
 using namespace notifytest;
+using qksim::PtpCommand;
+using qksim::PtpReply;
 using qktest::LogMark;
+using qktest::Pattern;
 using Clock = std::chrono::steady_clock;
 
 int ThreadCount()
@@ -174,9 +177,6 @@ TEST_F(NotifyTest, ReceiverReleasedWhileTheTransportLives)
 // A camera pulled out while the engine works with it: its operations fail
 // with their log lines, the other camera on the same transport goes on, and
 // the host hears of the departure.
-using qksim::PtpCommand;
-using qksim::PtpReply;
-using qktest::Pattern;
 
 constexpr size_t fileSize = 3 * 0x100000 + 1234; // several chunks
 
