@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DevicePTP/DevicePTP.h"
 
 #include "DevicePTP/PtpCodes.h"

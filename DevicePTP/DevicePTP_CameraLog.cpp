@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The camera's own diagnostics: the log it writes to its card, and the
 // memory statistics read straight out of its RAM.
 

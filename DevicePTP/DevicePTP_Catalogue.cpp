@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The catalogue of the card: storage, object handles, one ObjectInfo per
 // object, and at each rebuild the file that is new since the one before.
 // Every reply is read within its length; a reply too short for what it

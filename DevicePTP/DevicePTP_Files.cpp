@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Download and removal of camera files: files on the card, streamed to disk
 // chunk by chunk, and direct-transfer files held in memory.
 

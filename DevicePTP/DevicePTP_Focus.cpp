@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Manual focus: moving the lens to a position, following the camera's
 // position, and stepping through the model's focus table.
 

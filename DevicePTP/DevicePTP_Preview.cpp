@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Live preview: the host pulls frames at its own pace; each load reads the
 // current frame out of the camera and decodes it into the buffer that is not
 // lent, so that a host can keep one picture while the next one loads.

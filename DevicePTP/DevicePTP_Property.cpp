@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Property loading: the value cache filled from the camera, the mode dial and
 // the battery followed, and the camera's flag word.
 

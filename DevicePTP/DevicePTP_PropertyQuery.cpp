@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Property queries, answered from the cache and the record with no camera
 // traffic. Arrays handed out stay the object's until FreePointer.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Property writing: the request checked against the record and the
 // constraints, the cache updated with its one dependent change, and the
 // values written to the camera by write kind.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shooting. A normal shot lands on the card and is found by comparing the
 // catalogue before and after it; a direct shot comes over USB in pieces and
 // stays in memory as a direct-transfer file. Both are chains of steps.

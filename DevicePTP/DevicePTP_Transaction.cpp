@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // PTP transactions: a command container, at most one data phase from the
 // camera, and a response container.
 

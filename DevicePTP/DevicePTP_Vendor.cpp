@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The vendor command channel: fetching reply words, the single commands, the
 // session, record mode, the module version and the event word.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Video recording, found on the card like a shot, and the AE/AF update.
 
 #include "DevicePTP/DevicePTP.h"

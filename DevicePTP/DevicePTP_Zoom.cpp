@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Zoom: the cached position, its announcement, and the chain that moves the
 // lens and waits for the camera's finish event.
 

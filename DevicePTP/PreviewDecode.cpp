@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preview decoding: column map, colour conversion and BMP headers. The
 // portable conversion is the reference; the vector kernels must give the
 // same bytes and are used only where the machine and the frame size allow.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Turns a preview frame of the camera into a 24-bit BMP file in memory.
 //

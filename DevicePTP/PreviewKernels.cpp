@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Vector kernels of the preview decoder; see PreviewKernels.h. Each must give
 // the bytes of the portable conversion, which the tests check on every
 // kernel the machine can run.

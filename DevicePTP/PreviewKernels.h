@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The vector code of the preview decoder: each kernel turns one source row
 // into one picture row for the picture pixels that come in whole steps.

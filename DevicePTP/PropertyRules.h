@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Shared by property loading, writing and queries: finding a value in a
 // model's table, and the constraints between properties. A missing cache

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 /// @file
 /// The USB bulk container of PTP. Fields are little-endian on the wire and

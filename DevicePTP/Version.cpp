@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DevicePTP/Version.h"
 
 const char* qkcamVersion() { return QK_VERSION; }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What camera files cost the engine itself, with the bus taken out: the
 // camera is an in-memory transport that serves its containers straight from
 // memory.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A 256 MiB card file end to end: the engine's download through the real
 // libusb and the virtual camera, beside a plain loop of libusb_bulk_transfer
 // reads of the same file from the same camera. The ratio is what the engine

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the knowledge base costs: building the model table before main, and
 // the copy of a record that each camera object takes at Init. Heap use is
 // counted by replacing the global allocation functions of this program, in

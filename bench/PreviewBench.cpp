@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Live preview decoding, the engine's one hot loop: a whole camera frame to a
 // finished BMP file, beside libyuv's 4:2:2 to RGB24 conversion of a picture of
 // the same output size (a best-in-class converter) and a memcpy of the output

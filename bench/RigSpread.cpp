@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Spread of a many-camera shot: latest minus earliest arrival of the shoot
 // command at the virtual cameras, for the rig's synchronised shot and for a
 // plain loop that starts one normal-shot chain per camera on its own thread.

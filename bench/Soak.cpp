@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qk_soak: many virtual cameras, one thread each, driven through whole
 // sessions for minutes while faults are injected at random; every
 // operation's result is checked against what the camera holds.

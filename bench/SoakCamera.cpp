@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The soak's camera thread: its life cycle, the loop of sessions and the
 // classification of every operation.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One camera of the soak: a virtual camera on the bus, the engine's object
 // for it, and the thread's loop of sessions with faults injected at random.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The soak's faults: what each kind does to the virtual camera, and how
 // the camera is left in order after one.
 

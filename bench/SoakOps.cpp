@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The soak's operations: each does what a host does and checks what came
 // back against what the virtual camera holds.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the soak counts: operations by kind and how each ended, faults by
 // kind and what they did, and the unexpected failures themselves.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What `cmake --install` puts down: both libraries, the commands, the
 # headers a host needs under include/qkcam/, a CMake package and a
 # pkg-config file (both relocatable), the udev rule and the manual pages.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The preview decoder and its test alone, for machines the engine is not
 # built for here (cross builds run under qemu-user): no libusb, no virtual
 # camera, GoogleTest built from Debian's sources with the same compiler.

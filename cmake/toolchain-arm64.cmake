@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross build for 64-bit ARM with Debian's cross compiler; programs (the
 # tests, and gtest's test listing) run under qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)

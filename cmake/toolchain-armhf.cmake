@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross build for 32-bit ARM (Debian's armhf: ARMv7, hard float, NEON not
 # guaranteed) with Debian's cross compiler; programs run under qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)

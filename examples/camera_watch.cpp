@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // camera_watch: waits for cameras, opens each one that arrives and prints its
 // line (serial " ; " USB product), and says when one leaves.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // first_camera: the smallest host program; prints the engine's version and
 // each attached camera's serial number and model.
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // preview_dump: pulls live preview frames from the first camera and writes
 // each one as a BMP file.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // remote_session: one whole remote-control session with the first camera
 // found: identity, session, module version, record mode, properties, zoom,
 // live preview, a shot downloaded and removed from the card.

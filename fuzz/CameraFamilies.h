@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What one fuzz input drives. Its first byte picks a family of operations,
 // the second holds flags (logging hooks, camera model), and the rest is the

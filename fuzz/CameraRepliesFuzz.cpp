@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs the camera object's reading operations against a scripted camera whose
 // replies are the fuzzer's bytes. Nothing may crash, over-read or leak.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes the seed corpus: for every family, the conversation of the virtual
 // camera's own answers, recorded as the engine reads it, so that each reader
 // starts from a reply the camera really gives. Run it after changing a

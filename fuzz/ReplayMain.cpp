@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Without libFuzzer: replays every file given on the command line (a
 // directory stands for the files in it), then runs a fixed-seed mutation
 // series over those inputs, so that the ordinary test run exercises the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A transport that serves a camera's side of the conversation from a byte
 // script, at memory speed: every Read takes the next bytes of the script,

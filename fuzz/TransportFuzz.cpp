@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The transport's read bookkeeping against a device whose transfers the
 // input describes. The device sends a known byte stream, so every read that
 // succeeds can be checked: its bytes must be the next ones of the stream

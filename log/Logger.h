@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The process-wide writer behind LogMsg. Internal to the engine: hosts use
 // log/Log.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "models/CameraDB.h"
 
 // Defined by the generated <Model>.gen sources.

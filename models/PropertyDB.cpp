@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "models/PropertyDB.h"
 
 #include <iterator>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 /// @file
 /// The engine's own vocabulary of camera settings. The numbers are stable and

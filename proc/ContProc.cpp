@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "proc/ContProc.h"
 
 #include <algorithm>

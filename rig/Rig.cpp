@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opening a rig and running an operation on all its cameras at once.
 
 #include "rig/Rig.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 /// @file
 /// Many cameras at once: a rig opens a set of attached cameras through one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The synchronised shot: the engine's own shot chains, each held at its
 // shoot command by one gate shared by all cameras of the rig.
 

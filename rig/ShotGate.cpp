@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "rig/ShotGate.h"
 
 #include <thread>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Holds every camera of a shot at its shoot command until all are there,
 // then lets them go at one instant.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Times a from-scratch build of the knowledge base in a fresh build directory:
 # the generator, then generating and compiling the twenty model records with
 # the vocabulary and the table. CXX picks the compiler, JOBS the parallelism.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/BulkInQueue.h"
 
 #include <algorithm>

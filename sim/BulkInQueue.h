@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The packets a device has ready on a bulk IN endpoint, and how a host
 // controller moves them into the transfers the host asks for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The memory card of a virtual camera: one storage holding a DCIM-like tree
 // of folders and files, as PTP shows it (a flat list of object handles, an

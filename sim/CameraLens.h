@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The lens of a virtual camera: a zoom motor that needs time for each
 // position and reports its arrival through the event word, and a manual

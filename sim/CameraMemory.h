@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The RAM of a virtual camera as the base module's memory read shows it:
 // regions of bytes at addresses, zeros everywhere else. A camera of each

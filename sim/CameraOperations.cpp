@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/CameraOperations.h"
 
 #include "sim/PtpContainer.h"

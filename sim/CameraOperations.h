@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a virtual camera answers on its own, before any test steps in. Each
 // area of the camera's behaviour installs its handlers into the responder.

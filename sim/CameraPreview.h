@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The live preview of a virtual camera: the settings record the module
 // reports, and the frame it gives at memory address 0, a test picture of

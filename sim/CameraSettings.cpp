@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/CameraSettings.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The settings side of a virtual camera: its property cases as raw values,
 // the mode, the module version, the event word, the battery, the flag word

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The shutter side of a virtual camera: normal shots onto the card, remote
 // capture straight over USB, video recording, the AE/AF update and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The standard PTP operations that reach the card.
 #include "sim/CameraCard.h"
 #include "sim/PtpContainer.h"

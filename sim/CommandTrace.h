@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The command trace of a process's virtual cameras: one JSON line per
 // command container a camera receives, written as it arrives, so a program

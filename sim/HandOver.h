@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // umockdev's worker thread gets its work through GLib: signal handlers of the
 // ioctl handler, sources attached to its context. GLib's locks are invisible

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Cameras plugged into and unplugged from the virtual bus at set times after
 // a start, so that a program run by the launcher sees them come and go.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam-virtual: holds virtual cameras and runs a program that sees them on
 // its USB bus, through the unmodified libusb-1.0.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A camera card behind an in-memory transport: the engine's UsbLib served
 // straight from memory, with no bus, so that measurements see the engine's

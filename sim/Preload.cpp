@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/Preload.h"
 
 #include "sim/VirtualBus.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The environment a process needs to see the virtual bus: umockdev's preload
 // library, and with AddressSanitizer no complaint about the library order.

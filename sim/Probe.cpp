@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam-virtual-probe: a plain libusb-1.0 program that shows what is on the
 // bus, to check a setup of virtual (or real) cameras without the engine.
 // One line per device: vendor:product:bus:address (decimal) and the product

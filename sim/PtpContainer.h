@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // PTP bulk containers as they travel over USB: a 12-byte little-endian
 // header (length, type, code, transaction id) and a payload.

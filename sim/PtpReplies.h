@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The usual shapes of a camera's answer, and the way a part of the camera
 // hands its handlers to the responder.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The camera's PTP responder: takes what arrives on bulk OUT, answers with the
 // containers to send on bulk IN. Knows nothing of USB.

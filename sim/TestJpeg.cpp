@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/TestJpeg.h"
 
 #include <csetjmp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The pictures a virtual camera takes: real JPEG files of a test card with
 // the shot number written large across it, so that a downloaded file opens

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a virtual USB device says about itself: its standard descriptors and
 // the sysfs record through which the host's libusb finds it.

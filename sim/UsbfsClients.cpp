@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The clients of a device node: requests answered later (held), files that
 // close, and wake-ups of umockdev's worker from other threads.
 

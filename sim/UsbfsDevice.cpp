@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/UsbfsDevice.h"
 
 #include "sim/HandOver.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One virtual USB device behind its usbfs node: answers the ioctls that
 // libusb sends on /dev/bus/usb/BBB/DDD, moves URBs between the host and the

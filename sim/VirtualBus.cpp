@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/VirtualBus.h"
 
 #include "sim/UsbDescriptors.h"

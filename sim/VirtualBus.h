@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The virtual camera: PTP cameras presented to the real, unmodified
 // libusb-1.0 through umockdev's mock sysfs and usbfs device nodes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sim/VirtualCameraImpl.h"
 
 #include "sim/CameraOperations.h"

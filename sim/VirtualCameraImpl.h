@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A virtual camera: its PTP responder behind a virtual USB device.
 

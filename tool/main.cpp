@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam-list: one line per attached camera, its serial number and USB
 // product string.
 

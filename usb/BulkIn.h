@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Whole-buffer reads from a bulk-in endpoint. A read of less than a packet
 // still asks the device for a whole packet, and what was not asked for stays

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "usb/UsbLib.h"
 
 std::weak_ptr<IUsbLib_Notify> UsbLib::EmptyNotify = std::shared_ptr<IUsbLib_Notify>();

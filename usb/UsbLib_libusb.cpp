@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "usb/UsbLib_libusb.h"
 
 #include <libusb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Focus tables. Only a handful of figures of the cameras' real tables are
 // known: row lengths and end entries at a few zoom positions, and both ends
 // of some rows. The rows are rebuilt from those: knots fix length, first and

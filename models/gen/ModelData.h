@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A model record as read from its data file, before it becomes C++.
 #include <string>

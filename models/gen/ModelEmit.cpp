@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes a model record as the C++ builder autogen_init_<Model>. Values and
 // focus rows become constant arrays, so a build copies them in one go.
 #include <cstddef>

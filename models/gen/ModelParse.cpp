@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reads a model data file. The format is line based:
 //
 //   name NAME                      the string the camera is recognised by

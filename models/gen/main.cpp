@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qk_modelgen DATA OUT STEM: turns one model data file into <STEM>.gen.
 #include <cstdio>
 #include <fstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Direct shots: the picture comes over USB in pieces, is assembled by the
 // pieces' positions and is held in memory under an id of its own.
 

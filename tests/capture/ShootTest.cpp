@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Normal shots as a host runs them: shoot, find the file, download it,
 // compare it with the card, remove it; the ways a shot goes wrong; and video.
 

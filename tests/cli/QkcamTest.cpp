@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The qkcam command, run as a program of its own against virtual cameras of
 // this test process: what it prints, the files it writes, what it leaves on
 // the cards, and its exit status.

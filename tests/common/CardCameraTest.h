@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A camera with its card, shutter and memory, driven through the real
 // libusb; its hooks are recorded and its catalogue and buffered files can be

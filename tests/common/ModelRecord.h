@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Records looked up by name, and a value table as text, for the tests of the
 // knowledge base and of the generator behind it.

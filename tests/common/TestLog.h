@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The log of a test process: where it is and what was written to it.
 #include <string>

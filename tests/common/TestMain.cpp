@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test entry: logs go to a directory of this process (removed when all its
 // tests pass), and tests that talk to virtual cameras first get the virtual
 // bus's preload into the process.

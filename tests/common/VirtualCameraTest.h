@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Fixture for tests that drive the engine against virtual cameras through
 // the real libusb.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The camera object: identity, the serial number, memory handed to callers,
 // hooks of a derived camera and the lifetime of the device handle.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every fault of the link against every family of operations: the faulted
 // operation fails cleanly with a log line and keeps nothing, and the same
 // camera object then works again, unless the camera is gone.

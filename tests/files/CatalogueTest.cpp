@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The catalogue of the card through the virtual camera: what enters it, how
 // the new file is found, names as the camera sends them, and replies that
 // don't hold what they announce.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A 64 MiB download keeps the engine's memory flat. The virtual camera shares
 // this process and holds the file several times over, so the heap of the
 // downloading thread is counted instead, by replacing this program's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Downloads from the card through the virtual camera: the bytes that arrive,
 // the files left behind when something goes wrong, the link staying in step
 // afterwards; and the camera's own log and memory figures.

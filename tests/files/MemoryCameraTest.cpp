@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Downloads against the in-memory camera, which answers at memory speed: a
 // download there often takes less than the clock's millisecond.
 

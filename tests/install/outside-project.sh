@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the build into a temporary prefix, moves the prefix (both package
 # files must be relocatable), then builds host programs from there as an
 # outside project would: the examples with find_package(qkcam), the smallest

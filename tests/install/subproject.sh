@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds a host project that takes the engine as a subproject, once with
 # add_subdirectory and once with FetchContent, from a copy of the tree in a
 # directory of another name. Usage: subproject.sh SOURCE_DIR

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The virtual lens on its own: the zoom motor's timing and finish event, and
 // where the focus lands. Positions are checked against the clock read around
 // each question, so a slow machine cannot make them fail.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Manual focus against the virtual lens: moves, reading the position back,
 // the focus shift with its widening retries, and the table look-up alone.
 

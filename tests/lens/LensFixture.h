@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A loaded camera whose lens hooks are counted, with the wire read back as
 // the vendor sub-commands the camera received.

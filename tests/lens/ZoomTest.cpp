@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Zoom: the chain from request to hook on the wire, its limits and failures,
 // taking over a zoom made on the camera, and all of it from two threads.
 

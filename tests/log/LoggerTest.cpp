@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The logger as its readers see it: the bytes it leaves in the two log files
 // and on standard output. A logger exists once per process and trims its logs
 // when it is made, so every case does its logging in a child forked from this

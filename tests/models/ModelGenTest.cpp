@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The generator that turns model data files into records: what it accepts,
 // what it rejects before a bad record reaches the engine, and its rules.
 #include <gtest/gtest.h>

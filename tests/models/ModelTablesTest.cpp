@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The twenty records against an independent copy of their key figures, focus
 // tables included: a typo in a data file shows up here.
 #include <gtest/gtest.h>

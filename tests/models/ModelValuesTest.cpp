@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The value tables of the records: the invariants every record keeps, the
 // tables that are the same wherever they occur, and the rule-built tables.
 // Case numbers, write kinds and which model has what are in ModelTablesTest.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The launcher plugs and pulls cameras while its program runs; the
 // camera_watch example, as that program, sees them come and go.
 

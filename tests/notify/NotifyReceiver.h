@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A receiver of device-change notifications that records each call and what
 // the transport listed at that moment, and the fixture that hands it out.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Device-change notification: when the polling thread runs, how often it
 // tells, a receiver that goes away, how the thread ends, and a camera pulled
 // out in the middle of an operation.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preview decoding without a camera: sizes and the column map, BMP headers,
 // colours and row order, both conversion paths on every kernel against an
 // independent reference, and frames a broken camera could send.

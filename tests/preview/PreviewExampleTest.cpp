@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The preview_dump example under the launcher: frames pulled from a virtual
 // camera land as BMP files of the picture size.
 

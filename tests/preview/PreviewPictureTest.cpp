@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The virtual camera's preview: its settings records, and a test picture
 // that the engine's decoder turns into the intended bars, ramp and marker.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Live preview against a virtual camera: what goes over the wire, the two
 // buffers and the lent picture, the settings' age and their log line, hooks,
 // and failures that must keep the last good picture.

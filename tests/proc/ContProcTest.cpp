@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Chains of timed steps: ending, polling, waiting, handing on, the sentinel,
 // broken chains, and the state freed on every path (the sanitizer build also
 // checks leaks).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A loaded camera of a chosen model, with its hooks recorded in order.
 

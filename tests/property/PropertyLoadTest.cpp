@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Filling the value cache from a virtual camera of every model, and following
 // the mode dial, the battery and the flag word.
 

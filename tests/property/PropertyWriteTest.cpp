@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writing properties: the checks, the constraints, the dependent change, the
 // writes on the wire by write kind, and the order of hooks; then the queries.
 

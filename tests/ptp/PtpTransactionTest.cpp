@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Transactions against a virtual camera: containers on the wire, the retry
 // rule, both result destinations, the chunk rule and malformed replies.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rig: opening a chosen set of cameras with one failing alone, an
 // operation on all at once, and the synchronised shot read from the
 // cameras' own arrival times.

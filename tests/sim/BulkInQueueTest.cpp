@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How packets are cut from containers and moved into host transfers.
 
 #include "sim/BulkInQueue.h"

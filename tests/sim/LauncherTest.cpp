@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam-virtual runs unmodified programs against virtual cameras.
 
 #include <gtest/gtest.h>

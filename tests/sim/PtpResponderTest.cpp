@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The camera's PTP responder on its own: what it answers to command containers.
 
 #include "sim/CameraOperations.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Fixture for talking to virtual cameras through plain libusb calls, as any
 // host program would.

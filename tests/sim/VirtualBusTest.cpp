@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The virtual bus as libusb sees it: devices, descriptors, strings, claims,
 // hot-plug and unplug.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // PTP transactions with a virtual camera, seen as bytes and transfers on the
 // bus, and the faults it can be told to produce.
 

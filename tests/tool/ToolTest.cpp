@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The camera-list tool, run as a program of its own against virtual cameras
 // that live in this test process (it inherits the virtual bus through its
 // environment), and once through the launcher.

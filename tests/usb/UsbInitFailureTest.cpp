@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A transport whose libusb can't start: this program's libusb_init always
 // fails, and nothing may hand libusb the context that isn't there.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The transport against virtual cameras: enumeration, open, and the read and
 // write rules seen as USB transfers.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The vendor channel: reply words, the session, record mode, the single
 // commands, the module version and the event word.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tool/qkcam/Cli.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the qkcam subcommands share: choosing cameras, opening them through
 // the rig, reporting failures with the exit status the command ends with,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam zoom, focus, preview and video.
 
 #include <fstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam: every camera task from the shell, for one camera or many at once.
 // Exit status: 0 success, 1 a camera operation failed, 2 bad usage, 3 no
 // camera (or none with that serial).

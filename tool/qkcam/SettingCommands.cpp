@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam list, info, get, set and values.
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qkcam shoot, files, download, rm, clean and camera-log.
 
 #include <strings.h>
