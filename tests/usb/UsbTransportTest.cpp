@@ -95,8 +95,10 @@ TEST_F(UsbTransportTest, OpenReadsProductStringAndFailsOnUnknownPathSilentlyOrOn
     const std::string advice = libusb->OpenProblem(busy->Path());
     EXPECT_NE(advice.find("held by another program"), std::string::npos) << advice;
     EXPECT_EQ(mark.Count("OpenDevice " + wstrToStr(busy->Path()) + ": " + advice), 1);
+#if QK_RELATIVE_PATHS
     // Source files are named from the top of the tree, the same on every machine.
     EXPECT_GE(mark.Count("| usb/UsbLib_libusb.cpp:"), 2) << mark.Since();
+#endif
     EXPECT_NE(std::string(UsbLib_libusb::AdviceFor(-3)).find("udev rule 60-qkcam.rules"), std::string::npos);
     EXPECT_EQ(UsbLib_libusb::AdviceFor(-1), nullptr);
     busy->FailClaim(false);
