@@ -2,6 +2,8 @@
 // Filling the value cache from a virtual camera of every model, and following
 // the mode dial, the battery and the flag word.
 
+#include <atomic>
+
 #include "tests/property/PropertyFixture.h"
 
 namespace {
@@ -269,8 +271,11 @@ TEST_F(PropertyTest, DefaultFocusCasesPerModel)
     }
     // The third write refused: the sequence stops there.
     camera->ClearRecords();
-    int writes = 0;
-    camera->SetVendorHandler(Set, [&writes](const PtpCommand&) {
+    // Static and atomic: the camera's thread counts, and no stack slot of
+    // this test is reused under it once the body has returned.
+    static std::atomic<int> writes;
+    writes = 0;
+    camera->SetVendorHandler(Set, [](const PtpCommand&) {
         return ++writes == 3 ? qksim::RefusalReply(0x2005) : PtpReply{};
     });
     LogMark mark;
