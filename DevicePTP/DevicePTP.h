@@ -40,7 +40,8 @@ enum CameraEvent {
 ///
 /// Threads: operations may come from any thread; each transaction with the
 /// camera is whole before the next starts, and the cached state (properties,
-/// zoom, focus, catalogue) has its own lock. Hooks run on the thread of the
+/// zoom, focus, catalogue) has its own lock. Zoom and shot chains share the
+/// camera's event flags: run one chain of a camera at a time. Hooks run on the thread of the
 /// operation that raises them. Arrays and pictures an operation hands out
 /// belong to the host until it gives them back with FreePointer.
 class DevicePTP : public std::enable_shared_from_this<DevicePTP>, public LoggerClient {
@@ -71,11 +72,14 @@ public:
     virtual void OnZoomChanged();
     /// A property's value changed, on the camera or by a dependent rule.
     virtual void OnPropertyChanged(int property);
-    /// Asked before a property is set; anything but QK_OK refuses the change.
+    /// Asked before a property is set or the focus shifted; anything but
+    /// QK_OK refuses and is returned.
     virtual QKResult GuardCameraState();
-    /// Asked before a session is relied on; anything but QK_OK refuses.
+    /// A host's own check that a session is open, for its derived class to
+    /// call; the engine itself does not call it. QK_OK by default.
     virtual QKResult GuardOpenSession();
-    /// Both guards at once; anything but QK_OK refuses.
+    /// Asked before a property's cached value is handed out; anything but
+    /// QK_OK refuses and is returned.
     virtual QKResult GuardAll();
     /// Writes one property's cached value to the camera; the default is PTPSetProperty.
     virtual QKResult DoSetProperty(QKProp property);

@@ -30,7 +30,8 @@ public:
     /// Takes over `proc` (made with new), runs its steps on the calling
     /// thread, sleeping their waits, until the chain ends; frees it and
     /// returns the chain's result. A null chain fails with a log line. Any
-    /// thread; several chains of one camera may run at once on different threads.
+    /// thread; run one chain of a camera at a time (zoom and shot chains
+    /// share the camera's event flags), chains of different cameras at once.
     static QKResult run(ContProc* proc);
 
     /// The step that runs next.
