@@ -33,6 +33,11 @@ public:
     /// thread; run one chain of a camera at a time (zoom and shot chains
     /// share the camera's event flags), chains of different cameras at once.
     static QKResult run(ContProc* proc);
+    /// The same, asking `stop` between steps and during their waits (at
+    /// least every 50 ms): once it says yes the chain is freed where it
+    /// stands, logged, and the result is QK_ERROR. A camera's commands are
+    /// whole transactions, so the camera stays in step for the next one.
+    static QKResult run(ContProc* proc, const std::function<bool()>& stop);
 
     /// The step that runs next.
     Step step;

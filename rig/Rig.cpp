@@ -52,7 +52,8 @@ QKResult Ready(DevicePTP& device, const RigOptions& options, std::string* step)
 void OpenOne(const std::shared_ptr<UsbLib>& usb, const RigOptions& options, Opening* opening)
 {
     RigOutcome& outcome = opening->outcome;
-    std::shared_ptr<DevicePTP> device = DevicePTP::build(usb, outcome.path);
+    std::shared_ptr<DevicePTP> device =
+        options.build ? options.build(usb, outcome.path) : DevicePTP::build(usb, outcome.path);
     if (!device) {
         outcome.step = "build";
         outcome.result = QK_ERROR;
@@ -89,6 +90,8 @@ std::unique_ptr<Rig> Rig::Open(std::shared_ptr<UsbLib> usb, const RigOptions& op
     rig->usb = usb;
     std::vector<Opening> openings;
     for (const std::wstring& path : usb->GetAllConnectedDevicePaths()) {
+        if (!options.paths.empty() && std::find(options.paths.begin(), options.paths.end(), path) == options.paths.end())
+            continue;
         openings.emplace_back();
         openings.back().outcome.path = path;
     }

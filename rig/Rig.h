@@ -36,6 +36,11 @@ struct RigShotOutcome : RigOutcome {
 struct RigOptions {
     /// Serial numbers to take; empty takes every attached camera.
     std::vector<std::wstring> serials;
+    /// Transport paths to look at; empty looks at every attached camera.
+    std::vector<std::wstring> paths;
+    /// Makes the camera objects, for a host whose derived class listens to
+    /// the hooks; empty uses DevicePTP::build.
+    std::function<std::shared_ptr<DevicePTP>(std::shared_ptr<UsbLib> usb, std::wstring path)> build;
     /// How long to wait for each camera to reach record mode.
     std::chrono::milliseconds recModeLimit{15000};
     /// With a version, a camera whose module is older fails its opening.

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <strings.h>
 
 #include "usb/UsbLib_libusb.h"
 
@@ -20,20 +19,6 @@ void AddChoice(CLI::App* command, Choice* choice, bool allowAll)
 }
 
 std::string Narrow(const std::wstring& text) { return wstrToStr(text); }
-
-const char* ResultName(QKResult result)
-{
-    switch (result) {
-    case QK_OK: return "QK_OK";
-    case QK_ERROR: return "QK_ERROR";
-    case QK_NOT_READY: return "QK_NOT_READY";
-    case QK_UNKNOWN_PROPERTY: return "QK_UNKNOWN_PROPERTY";
-    case QK_UNSUPPORTED_VALUE: return "QK_UNSUPPORTED_VALUE";
-    case QK_LOW_BATTERY: return "QK_LOW_BATTERY";
-    case QK_OLD_MODULE: return "QK_OLD_MODULE";
-    }
-    return "QK_ERROR";
-}
 
 int Failed(const std::wstring& serial, const std::string& step, QKResult result)
 {
@@ -96,84 +81,6 @@ int Session::Report(const std::vector<RigOutcome>& outcomes)
     return status;
 }
 
-namespace {
-
-bool IsNumber(const std::string& text, int* number)
-{
-    if (text.empty())
-        return false;
-    char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (*end != '\0' || value < INT32_MIN || value > INT32_MAX)
-        return false;
-    *number = static_cast<int>(value);
-    return true;
-}
-
-} // namespace
-
-std::optional<int> FindProperty(const std::string& text)
-{
-    int number = 0;
-    for (const auto& [property, name] : g_PropNames)
-        if (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == static_cast<int>(property)))
-            return static_cast<int>(property);
-    return std::nullopt;
-}
-
-std::optional<int> FindValue(int property, const std::string& text)
-{
-    int number = 0;
-    for (const auto& [key, name] : g_PropValNames)
-        if (static_cast<int>(key.first) == property &&
-            (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == key.second)))
-            return key.second;
-    return std::nullopt;
-}
-
-std::string PropertyName(int property)
-{
-    const char* name = nullptr;
-    return GetPropertyName(property, &name) == 0 ? name : std::to_string(property);
-}
-
-std::string ValueName(int property, int value)
-{
-    const char* name = nullptr;
-    return GetPropertyValName(property, value, &name) == 0 ? name : std::to_string(value);
-}
-
-std::vector<int> CameraProperties(DevicePTP& device)
-{
-    int* list = nullptr;
-    int count = 0;
-    std::vector<int> properties;
-    if (device.GetPropertyList(&list, &count) != QK_OK)
-        return properties;
-    properties.assign(list, list + count);
-    device.FreePointer(list);
-    return properties;
-}
-
-std::vector<int> AllowedValues(DevicePTP& device, int property)
-{
-    QKProp_Desc* desc = nullptr;
-    std::vector<int> values;
-    if (device.GetPropertyDesc(property, &desc) != QK_OK || !desc)
-        return values;
-    values.assign(desc->values, desc->values + desc->count);
-    device.FreePointer(desc);
-    return values;
-}
-
-std::string JoinNames(const std::vector<std::string>& names)
-{
-    std::string joined;
-    for (const std::string& name : names)
-        joined += (joined.empty() ? "" : ", ") + name;
-    return joined;
-}
-
 Progress::Progress(std::string label_, int files_)
     : label(std::move(label_)), files(files_), start(std::chrono::steady_clock::now()),
       terminal(isatty(STDOUT_FILENO) == 1)
@@ -205,12 +112,9 @@ QKResult Download(DevicePTP& device, const QKFileInfo& file, const std::string& 
                   Progress* progress, std::string* path)
 {
     *path = dir + "/" + prefix + Narrow(file.name);
-    const QKResult result = device.PTPDownloadFile(file.id, *path);
-    if (result != QK_OK) {
-        // Nothing half written stays behind.
-        std::remove(path->c_str());
+    const QKResult result = qkrig::DownloadTo(device, file.id, *path);
+    if (result != QK_OK)
         return result;
-    }
     if (progress)
         progress->FileDone(file.size);
     return QK_OK;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "rig/CameraSteps.h"
 #include "rig/Rig.h"
 
 namespace qkcli {
@@ -29,7 +30,14 @@ struct Choice {
 void AddChoice(CLI::App* command, Choice* choice, bool allowAll);
 
 std::string Narrow(const std::wstring& text);
-const char* ResultName(QKResult result);
+using qkrig::AllowedValues;
+using qkrig::CameraProperties;
+using qkrig::FindProperty;
+using qkrig::FindValue;
+using qkrig::JoinNames;
+using qkrig::PropertyName;
+using qkrig::ResultName;
+using qkrig::ValueName;
 
 // "qkcam: camera S: STEP failed: RESULT" on stderr; returns kFailed.
 int Failed(const std::wstring& serial, const std::string& step, QKResult result);
@@ -55,16 +63,6 @@ private:
     std::unique_ptr<Rig> rig;
     int partial = kOk;
 };
-
-// Property and value names, matched without regard to case; numbers too.
-std::optional<int> FindProperty(const std::string& text);
-std::optional<int> FindValue(int property, const std::string& text);
-std::string PropertyName(int property);
-std::string ValueName(int property, int value);
-// The camera's properties, and the values one may take now.
-std::vector<int> CameraProperties(DevicePTP& device);
-std::vector<int> AllowedValues(DevicePTP& device, int property);
-std::string JoinNames(const std::vector<std::string>& names);
 
 // A downloaded file's progress on a terminal: one bar per file with the
 // rate so far; nothing when standard output is not a terminal.

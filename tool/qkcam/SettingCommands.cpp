@@ -85,10 +85,7 @@ int ResolveProperties(const std::vector<std::string>& names, std::vector<int>* p
     for (const std::string& name : names) {
         std::optional<int> property = FindProperty(name);
         if (!property) {
-            std::vector<std::string> valid;
-            for (const auto& entry : g_PropNames)
-                valid.push_back(entry.second);
-            return Say(kUsage, "unknown property \"" + name + "\"; properties: " + JoinNames(valid));
+            return Say(kUsage, "unknown property \"" + name + "\"; properties: " + JoinNames(qkrig::AllPropertyNames()));
         }
         properties->push_back(*property);
     }
@@ -148,12 +145,8 @@ int Set(const Choice& choice, const std::vector<std::string>& assignments)
         const std::string valueText = assignment.substr(equals + 1);
         std::optional<int> value = FindValue(property[0], valueText);
         if (!value) {
-            std::vector<std::string> valid;
-            for (const auto& entry : g_PropValNames)
-                if (static_cast<int>(entry.first.first) == property[0])
-                    valid.push_back(entry.second);
             return Say(kUsage, "unknown value \"" + valueText + "\" of " + PropertyName(property[0]) +
-                                   "; values: " + JoinNames(valid));
+                                   "; values: " + JoinNames(qkrig::AllValueNames(property[0])));
         }
         wanted.emplace_back(property[0], *value);
     }

@@ -97,10 +97,8 @@ int Shoot(const Choice& choice, const ShootOptions& options)
         } else {
             RigShotOutcome shot;
             shot.serial = cameras[0].serial;
-            auto keep = [&shot](QKFileInfo file) { shot.file = file; };
-            DevicePTP& device = *cameras[0].device;
             shot.step = options.direct ? "PTPShoot_Direct" : "PTPShoot_Normal";
-            shot.result = ContProc::run(options.direct ? device.PTPShoot_Direct(keep) : device.PTPShoot_Normal(keep));
+            shot.result = qkrig::ShootOne(*cameras[0].device, options.direct, &shot.file);
             shots.push_back(shot);
         }
         // Each camera downloads its own picture at the same time as the others.
@@ -131,21 +129,6 @@ int Shoot(const Choice& choice, const ShootOptions& options)
     return status;
 }
 
-// The card's catalogue, fresh.
-QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files)
-{
-    QKResult result = device.PTPUpdateObjectsInfo();
-    if (result != QK_OK)
-        return result;
-    QKFileInfo* list = nullptr;
-    int count = 0;
-    if ((result = device.GetFileList(&list, &count)) != QK_OK)
-        return result;
-    files->assign(list, list + count);
-    device.FreePointer(list);
-    return QK_OK;
-}
-
 // Files named by name (any case) or id; an unknown one ends the command.
 int Resolve(const Rig::Camera& camera, const std::vector<QKFileInfo>& files, const std::vector<std::string>& names,
             std::vector<QKFileInfo>* chosen)
@@ -170,7 +153,7 @@ int WithCatalogue(const Choice& choice, const Work& work)
         return status;
     const Rig::Camera& camera = session.Cameras().front();
     std::vector<QKFileInfo> files;
-    const QKResult result = Catalogue(*camera.device, &files);
+    const QKResult result = qkrig::Catalogue(*camera.device, &files);
     if (result != QK_OK)
         return Failed(camera.serial, "PTPUpdateObjectsInfo", result);
     return work(camera, files);

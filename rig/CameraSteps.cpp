@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "rig/CameraSteps.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+#include "log/Log.h"
+#include "models/PropertyDB.h"
+#include "proc/ContProc.h"
+
+namespace qkrig {
+
+namespace {
+
+bool IsNumber(const std::string& text, int* number)
+{
+    if (text.empty())
+        return false;
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (*end != '\0' || value < INT_MIN || value > INT_MAX)
+        return false;
+    *number = static_cast<int>(value);
+    return true;
+}
+
+} // namespace
+
+std::optional<int> FindProperty(const std::string& text)
+{
+    int number = 0;
+    for (const auto& [property, name] : g_PropNames)
+        if (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == static_cast<int>(property)))
+            return static_cast<int>(property);
+    return std::nullopt;
+}
+
+std::optional<int> FindValue(int property, const std::string& text)
+{
+    int number = 0;
+    for (const auto& [key, name] : g_PropValNames)
+        if (static_cast<int>(key.first) == property &&
+            (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == key.second)))
+            return key.second;
+    return std::nullopt;
+}
+
+std::string PropertyName(int property)
+{
+    const char* name = nullptr;
+    return GetPropertyName(property, &name) == 0 ? name : std::to_string(property);
+}
+
+std::string ValueName(int property, int value)
+{
+    const char* name = nullptr;
+    return GetPropertyValName(property, value, &name) == 0 ? name : std::to_string(value);
+}
+
+std::vector<std::string> AllPropertyNames()
+{
+    std::vector<std::string> names;
+    for (const auto& entry : g_PropNames)
+        names.push_back(entry.second);
+    return names;
+}
+
+std::vector<std::string> AllValueNames(int property)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : g_PropValNames)
+        if (static_cast<int>(entry.first.first) == property)
+            names.push_back(entry.second);
+    return names;
+}
+
+std::string JoinNames(const std::vector<std::string>& names)
+{
+    std::string joined;
+    for (const std::string& name : names)
+        joined += (joined.empty() ? "" : ", ") + name;
+    return joined;
+}
+
+const char* ResultName(QKResult result)
+{
+    switch (result) {
+    case QK_OK: return "QK_OK";
+    case QK_ERROR: return "QK_ERROR";
+    case QK_NOT_READY: return "QK_NOT_READY";
+    case QK_UNKNOWN_PROPERTY: return "QK_UNKNOWN_PROPERTY";
+    case QK_UNSUPPORTED_VALUE: return "QK_UNSUPPORTED_VALUE";
+    case QK_LOW_BATTERY: return "QK_LOW_BATTERY";
+    case QK_OLD_MODULE: return "QK_OLD_MODULE";
+    }
+    return "QK_ERROR";
+}
+
+std::vector<int> CameraProperties(DevicePTP& device)
+{
+    int* list = nullptr;
+    int count = 0;
+    std::vector<int> properties;
+    if (device.GetPropertyList(&list, &count) != QK_OK)
+        return properties;
+    properties.assign(list, list + count);
+    device.FreePointer(list);
+    return properties;
+}
+
+std::vector<int> AllowedValues(DevicePTP& device, int property)
+{
+    QKProp_Desc* desc = nullptr;
+    std::vector<int> values;
+    if (device.GetPropertyDesc(property, &desc) != QK_OK || !desc)
+        return values;
+    values.assign(desc->values, desc->values + desc->count);
+    device.FreePointer(desc);
+    return values;
+}
+
+QKResult SetAllowedValue(DevicePTP& device, int property, int value)
+{
+    const std::vector<int> allowed = AllowedValues(device, property);
+    if (std::find(allowed.begin(), allowed.end(), value) == allowed.end()) {
+        QK_LOG_ERR("SetAllowedValue: %s = %s is not available now", PropertyName(property).c_str(),
+                   ValueName(property, value).c_str());
+        return QK_UNSUPPORTED_VALUE;
+    }
+    return device.SetPropertyData(property, value);
+}
+
+QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files)
+{
+    QKResult result = device.PTPUpdateObjectsInfo();
+    if (result != QK_OK)
+        return result;
+    QKFileInfo* list = nullptr;
+    int count = 0;
+    if ((result = device.GetFileList(&list, &count)) != QK_OK)
+        return result;
+    files->assign(list, list + count);
+    device.FreePointer(list);
+    return QK_OK;
+}
+
+QKResult DownloadTo(DevicePTP& device, int id, const std::string& path)
+{
+    const std::string part = path + ".part";
+    QKResult result = device.PTPDownloadFile(id, part);
+    if (result == QK_OK && std::rename(part.c_str(), path.c_str()) != 0) {
+        QK_LOG_ERR("DownloadTo: can't move %s to %s", part.c_str(), path.c_str());
+        result = QK_ERROR;
+    }
+    if (result != QK_OK)
+        std::remove(part.c_str());
+    return result;
+}
+
+QKResult ShootOne(DevicePTP& device, bool direct, QKFileInfo* file, const std::function<bool()>& stop)
+{
+    auto keep = [file](QKFileInfo shot) { *file = shot; };
+    return ContProc::run(direct ? device.PTPShoot_Direct(keep) : device.PTPShoot_Normal(keep), stop);
+}
+
+} // namespace qkrig
