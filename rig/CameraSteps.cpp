@@ -161,6 +161,27 @@ QKResult DownloadTo(DevicePTP& device, int id, const std::string& path)
     return result;
 }
 
+QKResult PreviewBmp(DevicePTP& device, std::vector<unsigned char>* bmp)
+{
+    QKResult result = device.PTPLoadPreviewFrame();
+    if (result != QK_OK)
+        return result;
+    void* frame = nullptr;
+    int size = 0;
+    if ((result = device.GetPreviewFrame(&frame, &size)) != QK_OK)
+        return result;
+    const unsigned char* bytes = static_cast<const unsigned char*>(frame);
+    bmp->assign(bytes, bytes + size);
+    device.FreePointer(frame);
+    return QK_OK;
+}
+
+QKResult StopVideo(DevicePTP& device, QKFileInfo* file)
+{
+    const QKResult result = device.PTPUpdateObjectsInfo();
+    return result != QK_OK ? result : device.PTPStopVideo(file);
+}
+
 QKResult ShootOne(DevicePTP& device, bool direct, QKFileInfo* file, const std::function<bool()>& stop)
 {
     auto keep = [file](QKFileInfo shot) { *file = shot; };

@@ -50,6 +50,13 @@ QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files);
 /// that was there before stays as it was.
 QKResult DownloadTo(DevicePTP& device, int id, const std::string& path);
 
+/// Loads a preview frame and copies the whole BMP file out, giving the
+/// camera's buffer straight back.
+QKResult PreviewBmp(DevicePTP& device, std::vector<unsigned char>* bmp);
+/// Stops the video, the card's catalogue read first so that the new file is
+/// told from the old ones, and gives the video file.
+QKResult StopVideo(DevicePTP& device, QKFileInfo* file);
+
 /// Runs a normal (card) or direct (memory) shot to its end and gives the new
 /// picture. `stop`, when given, is asked between the chain's steps.
 QKResult ShootOne(DevicePTP& device, bool direct, QKFileInfo* file, const std::function<bool()>& stop = nullptr);

@@ -58,19 +58,15 @@ int Preview(const Choice& choice, int frames, const std::string& dir)
         return status;
     const Rig::Camera& camera = session.Cameras().front();
     for (int n = 1; n <= frames; ++n) {
-        QKResult result = camera.device->PTPLoadPreviewFrame();
+        std::vector<unsigned char> bmp;
+        const QKResult result = qkrig::PreviewBmp(*camera.device, &bmp);
         if (result != QK_OK)
             return Failed(camera.serial, "PTPLoadPreviewFrame", result);
-        void* frame = nullptr;
-        int size = 0;
-        if ((result = camera.device->GetPreviewFrame(&frame, &size)) != QK_OK)
-            return Failed(camera.serial, "GetPreviewFrame", result);
         char name[64];
         std::snprintf(name, sizeof(name), "/preview_%s_%04d.bmp", Narrow(camera.serial).c_str(), n);
         const std::string path = dir + name;
         std::ofstream out(path, std::ios::binary);
-        out.write(static_cast<const char*>(frame), size);
-        camera.device->FreePointer(frame);
+        out.write(reinterpret_cast<const char*>(bmp.data()), static_cast<std::streamsize>(bmp.size()));
         if (!out.flush())
             return Say(kFailed, "cannot write " + path);
         std::cout << path << '\n';
@@ -90,11 +86,8 @@ int Video(const Choice& choice, const std::string& action, const std::string& di
     }
     // The video is found against the card as it was before the stop; a
     // start in another run of this command left no listing behind.
-    QKResult result = camera.device->PTPUpdateObjectsInfo();
-    if (result != QK_OK)
-        return Failed(camera.serial, "PTPUpdateObjectsInfo", result);
     QKFileInfo file;
-    result = camera.device->PTPStopVideo(&file);
+    QKResult result = qkrig::StopVideo(*camera.device, &file);
     if (result != QK_OK)
         return Failed(camera.serial, "PTPStopVideo", result);
     std::string line = Narrow(camera.serial) + "\t" + Narrow(file.name) + "\t" + std::to_string(file.size);
