@@ -30,22 +30,29 @@ bool IsNumber(const std::string& text, int* number)
 
 } // namespace
 
+// A name wins over a number: "-2" is the value named "-2" even where
+// another value's number is -2.
 std::optional<int> FindProperty(const std::string& text)
 {
-    int number = 0;
     for (const auto& [property, name] : g_PropNames)
-        if (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == static_cast<int>(property)))
+        if (strcasecmp(name, text.c_str()) == 0)
             return static_cast<int>(property);
+    int number = 0;
+    for (const auto& entry : g_PropNames)
+        if (IsNumber(text, &number) && number == static_cast<int>(entry.first))
+            return number;
     return std::nullopt;
 }
 
 std::optional<int> FindValue(int property, const std::string& text)
 {
-    int number = 0;
     for (const auto& [key, name] : g_PropValNames)
-        if (static_cast<int>(key.first) == property &&
-            (strcasecmp(name, text.c_str()) == 0 || (IsNumber(text, &number) && number == key.second)))
+        if (static_cast<int>(key.first) == property && strcasecmp(name, text.c_str()) == 0)
             return key.second;
+    int number = 0;
+    for (const auto& entry : g_PropValNames)
+        if (static_cast<int>(entry.first.first) == property && IsNumber(text, &number) && number == entry.first.second)
+            return number;
     return std::nullopt;
 }
 

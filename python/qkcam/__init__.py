@@ -55,7 +55,9 @@ def _id(file: FileLike) -> int:
 
 def log_to(directory: str, console: bool = False) -> None:
     """Writes the engine's logs into `directory` (qkdll.log, qkdll_api.log)
-    instead of /tmp. Call it before anything else of qkcam."""
+    instead of /tmp, making the directory if needed. Call it before
+    anything else of qkcam."""
+    os.makedirs(directory, exist_ok=True)
     _qkcam.log_to(directory, console)
 
 

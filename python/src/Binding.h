@@ -45,6 +45,10 @@ RigOptions OneCamera(const std::optional<std::string>& serial, const std::option
 // path, serial, product, model
 using Identity = std::tuple<std::string, std::string, std::string, std::string>;
 Identity IdentityOf(const std::wstring& path, DevicePTP& device);
+// Rig::Open, one at a time in the process and over the attached cameras the
+// process doesn't hold already; `use` takes the rig before the next opening
+// starts, so the cameras it keeps are noted as held by then.
+void OpenRig(RigOptions options, const std::function<void(std::unique_ptr<Rig>)>& use);
 // Cameras this process holds open, by path: others can't open them again
 // to read who they are.
 void NoteOpen(const Identity& identity);

@@ -39,17 +39,21 @@ void Translate(const Failure& failure)
 
 std::vector<Identity> Cameras()
 {
+    std::vector<Identity> found;
+    for (const std::wstring& path : Transport()->GetAllConnectedDevicePaths()) {
+        Identity held;
+        if (FindOpen(wstrToStr(path), &held))
+            found.push_back(held);
+    }
     RigOptions options;
     options.identifyOnly = true;
-    const std::unique_ptr<Rig> rig = Rig::Open(Transport(), options);
-    std::vector<Identity> found;
-    for (const Rig::Camera& camera : rig->Cameras())
-        found.push_back(IdentityOf(camera.path, *camera.device));
-    for (const RigOutcome& failure : rig->Failures()) {
-        Identity identity{wstrToStr(failure.path), wstrToStr(failure.serial), "", ""};
-        FindOpen(wstrToStr(failure.path), &identity);
-        found.push_back(identity);
-    }
+    OpenRig(options, [&found](std::unique_ptr<Rig> rig) {
+        for (const Rig::Camera& camera : rig->Cameras())
+            found.push_back(IdentityOf(camera.path, *camera.device));
+        // Held by another process: known by the path alone.
+        for (const RigOutcome& failure : rig->Failures())
+            found.push_back(Identity{wstrToStr(failure.path), wstrToStr(failure.serial), "", ""});
+    });
     std::sort(found.begin(), found.end());
     return found;
 }
@@ -101,6 +105,23 @@ bool FindOpen(const std::string& path, Identity* identity)
         return false;
     *identity = found->second;
     return true;
+}
+
+void OpenRig(RigOptions options, const std::function<void(std::unique_ptr<Rig>)>& use)
+{
+    static std::mutex opening;
+    std::lock_guard<std::mutex> lock(opening);
+    std::vector<std::wstring> free;
+    for (const std::wstring& path : Transport()->GetAllConnectedDevicePaths()) {
+        Identity held;
+        const bool asked = options.paths.empty() ||
+                           std::find(options.paths.begin(), options.paths.end(), path) != options.paths.end();
+        if (asked && !FindOpen(wstrToStr(path), &held))
+            free.push_back(path);
+    }
+    // No free camera: a path no transport gives, so that the rig opens none.
+    options.paths = free.empty() ? std::vector<std::wstring>{L"-"} : free;
+    use(Rig::Open(Transport(), options));
 }
 
 std::function<bool()> Interruption::Asker()

@@ -28,19 +28,19 @@ public:
     void OnPropertyChanged(int property) override
     {
         int value = 0;
-        if (hooks->propertyChanged && GetPropertyData(property, &value) == QK_OK)
+        if (!hooks->propertyChanged.is_none() && GetPropertyData(property, &value) == QK_OK)
             Call(hooks->propertyChanged, qkrig::PropertyName(property), qkrig::ValueName(property, value));
     }
     void OnZoomChanged() override
     {
         int zoom = 0;
-        if (hooks->zoomChanged && GetZoom(&zoom) == QK_OK)
+        if (!hooks->zoomChanged.is_none() && GetZoom(&zoom) == QK_OK)
             Call(hooks->zoomChanged, zoom);
     }
     void OnFocusChanged() override
     {
         int focus = 0;
-        if (hooks->focusChanged && GetFocus(&focus) == QK_OK)
+        if (!hooks->focusChanged.is_none() && GetFocus(&focus) == QK_OK)
             Call(hooks->focusChanged, focus);
     }
     void OnPropertyListChanged() override { Call(hooks->propertyListChanged); }
@@ -52,7 +52,7 @@ private:
     template <typename... Args>
     static void Call(const py::object& callback, Args&&... args)
     {
-        if (!callback)
+        if (!callback || callback.is_none())
             return;
         py::gil_scoped_acquire gil;
         try {
@@ -101,12 +101,22 @@ std::shared_ptr<Camera> Camera::Open(const std::optional<std::string>& serial, c
     py::gil_scoped_release release;
     RigOptions options = OneCamera(serial, path);
     UseHooks(&options, std::move(hooks));
-    const std::unique_ptr<Rig> rig = Rig::Open(Transport(), options);
-    if (!rig->Cameras().empty())
-        return std::make_shared<Camera>(rig->Cameras().front());
-    if (rig->Failures().empty() || rig->Failures().front().step == "find")
-        FailAs("CameraNotFound", serial ? "no camera with serial " + *serial : "no camera at " + path.value_or("?"));
-    const RigOutcome& failure = rig->Failures().front();
+    std::shared_ptr<Camera> opened;
+    RigOutcome failure;
+    OpenRig(options, [&](std::unique_ptr<Rig> rig) {
+        if (!rig->Cameras().empty())
+            opened = std::make_shared<Camera>(rig->Cameras().front());
+        failure.step = "find";
+        // The asked camera's own failure; other cameras' (held elsewhere) only without a serial.
+        for (const RigOutcome& each : rig->Failures())
+            if (serial ? each.serial == strToWstr(*serial) : true)
+                failure = each;
+    });
+    if (opened)
+        return opened;
+    if (failure.step == "find")
+        FailAs("CameraNotFound", serial ? "no camera with serial " + *serial
+                                        : "no camera at " + path.value_or("?") + " that this process doesn't hold");
     Fail(failure.result, failure.step,
          "camera " + (failure.serial.empty() ? Narrow(failure.path) : Narrow(failure.serial)) + ": " + failure.step +
              " failed");
@@ -180,8 +190,7 @@ void Camera::Set(const std::string& name, const std::string& valueText)
     const std::optional<int> value = qkrig::FindValue(property, valueText);
     if (!value)
         Fail(QK_UNSUPPORTED_VALUE, "SetPropertyData " + propertyName,
-             "unknown value \"" + valueText + "\" of " + propertyName + "; values: " +
-                 qkrig::JoinNames(qkrig::AllValueNames(property)));
+             "unknown value \"" + valueText + "\" of " + propertyName + "; values: " + qkrig::JoinNames(Values(name)));
     const QKResult result = qkrig::SetAllowedValue(*Device(), property, *value);
     if (result == QK_UNSUPPORTED_VALUE)
         Fail(result, "SetPropertyData " + propertyName,

@@ -25,9 +25,11 @@ public:
         RigOptions options;
         for (const std::string& serial : serials.value_or(std::vector<std::string>{}))
             options.serials.push_back(strToWstr(serial));
-        rig = Rig::Open(Transport(), options);
-        for (const Rig::Camera& camera : rig->Cameras())
-            cameras.push_back(std::make_shared<Camera>(camera));
+        OpenRig(options, [this](std::unique_ptr<Rig> opened) {
+            rig = std::move(opened);
+            for (const Rig::Camera& camera : rig->Cameras())
+                cameras.push_back(std::make_shared<Camera>(camera));
+        });
         for (const RigOutcome& failure : rig->Failures())
             failures.emplace_back(wstrToStr(failure.serial.empty() ? failure.path : failure.serial),
                                   static_cast<int>(failure.result), failure.step, failure.step + " failed",

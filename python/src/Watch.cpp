@@ -63,9 +63,10 @@ Identity Identify(const std::wstring& path)
     RigOptions options;
     options.identifyOnly = true;
     options.paths = {path};
-    const std::unique_ptr<Rig> rig = Rig::Open(Transport(), options);
-    if (!rig->Cameras().empty())
-        identity = IdentityOf(path, *rig->Cameras().front().device);
+    OpenRig(options, [&](std::unique_ptr<Rig> rig) {
+        if (!rig->Cameras().empty())
+            identity = IdentityOf(path, *rig->Cameras().front().device);
+    });
     return identity;
 }
 
