@@ -16,7 +16,10 @@ import builtins
 import os
 import struct
 from collections.abc import MutableMapping
-from typing import Callable, Dict, Iterator, List, NamedTuple, Optional, Union
+from typing import TYPE_CHECKING, Any, Callable, Dict, Iterator, List, NamedTuple, Optional, Union
+
+if TYPE_CHECKING:
+    import numpy
 
 from . import _qkcam
 from .errors import (CameraNotFound, Error, LowBattery, NotReady, OldModule, RESULTS,
@@ -67,7 +70,7 @@ def cameras() -> List[CameraInfo]:
     return [CameraInfo(*camera) for camera in _qkcam.cameras()]
 
 
-class Properties(MutableMapping):
+class Properties(MutableMapping[str, str]):
     """A camera's properties by display name; values are value names.
 
     Setting checks the value against what the camera's other settings allow
@@ -99,8 +102,11 @@ class Properties(MutableMapping):
         return "Properties(%r)" % dict(self.items())
 
 
-def _hooks(on_property_changed, on_zoom_changed, on_focus_changed, on_property_list_changed,
-           on_new_preview_frame) -> Optional["_qkcam.Hooks"]:
+Callback = Optional[Callable[..., None]]
+
+
+def _hooks(on_property_changed: Callback, on_zoom_changed: Callback, on_focus_changed: Callback,
+           on_property_list_changed: Callback, on_new_preview_frame: Callback) -> Optional["_qkcam.Hooks"]:
     given = (on_property_changed, on_zoom_changed, on_focus_changed, on_property_list_changed,
              on_new_preview_frame)
     if not any(given):
@@ -122,7 +128,7 @@ class Camera:
     def __enter__(self) -> "Camera":
         return self
 
-    def __exit__(self, *exc) -> None:
+    def __exit__(self, *exc: object) -> None:
         self.close()
 
     def __repr__(self) -> str:
@@ -204,7 +210,7 @@ class Camera:
         """One live preview frame as a whole BMP file."""
         return self._camera.preview_bmp()
 
-    def preview(self):
+    def preview(self) -> "numpy.ndarray[Any, numpy.dtype[numpy.uint8]]":
         """One live preview frame as a NumPy array (height, width, 3) of
         uint8 in RGB order, top row first.
 
@@ -222,7 +228,7 @@ class Camera:
         return File(*self._camera.stop_video())
 
 
-def bmp_to_array(bmp: bytes):
+def bmp_to_array(bmp: bytes) -> "numpy.ndarray[Any, numpy.dtype[numpy.uint8]]":
     """A 24-bit uncompressed BMP as an RGB array (height, width, 3), top row
     first, viewing `bmp` without copying it."""
     import numpy
@@ -277,7 +283,7 @@ class Rig:
     def __enter__(self) -> "Rig":
         return self
 
-    def __exit__(self, *exc) -> None:
+    def __exit__(self, *exc: object) -> None:
         self.close()
 
     def close(self) -> None:
@@ -315,16 +321,16 @@ def _spread_from_trace(serials: List[str], direct: bool) -> Optional[float]:
     if not trace or len(serials) < 2:
         return None
     command = _qkcam.SHOOT_COMMANDS[1 if direct else 0]
-    last = dict.fromkeys(serials)
+    last: Dict[str, int] = {}
     try:
         with builtins.open(trace) as lines:
             for line in lines:
                 entry = json.loads(line)
-                if entry.get("subCommand") == command and entry.get("serial") in last:
-                    last[entry["serial"]] = entry["ns"]
+                if entry.get("subCommand") == command and entry.get("serial") in serials:
+                    last[entry["serial"]] = int(entry["ns"])
     except (OSError, ValueError):
         return None
-    if None in last.values():
+    if len(last) < len(set(serials)):
         return None
     return (max(last.values()) - min(last.values())) / 1e6
 

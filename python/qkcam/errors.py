@@ -2,7 +2,7 @@
 """The exceptions of qkcam: every failure of the engine is an Error that
 carries the engine's result number and the step that failed."""
 
-from typing import Optional
+from typing import Dict, Optional, Type
 
 
 class Error(Exception):
@@ -52,13 +52,13 @@ class Unsupported(Error):
 RESULTS = {0: "QK_OK", 1: "QK_ERROR", 4: "QK_NOT_READY", 6: "QK_UNKNOWN_PROPERTY",
            7: "QK_UNSUPPORTED_VALUE", 8: "QK_LOW_BATTERY", 13: "QK_OLD_MODULE"}
 
-_BY_RESULT = {4: NotReady, 6: UnknownProperty, 7: UnsupportedValue, 8: LowBattery, 13: OldModule}
-_BY_KIND = {"CameraNotFound": CameraNotFound, "Unsupported": Unsupported}
+_BY_RESULT: Dict[int, Type[Error]] = {4: NotReady, 6: UnknownProperty, 7: UnsupportedValue, 8: LowBattery, 13: OldModule}
+_BY_KIND: Dict[str, Type[Error]] = {"CameraNotFound": CameraNotFound, "Unsupported": Unsupported}
 
 
 def make(result: int, step: str, message: str, kind: Optional[str] = None) -> Error:
     """The exception for an engine result (used by the engine module)."""
-    cls = _BY_KIND.get(kind or "") or _BY_RESULT.get(result, Error)
+    cls = _BY_KIND.get(kind or "", _BY_RESULT.get(result, Error))
     name = RESULTS.get(result, str(result))
     if not message:
         message = f"{step} failed: {name}" if step else name

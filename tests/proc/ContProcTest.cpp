@@ -134,6 +134,28 @@ TEST(ContProcTest, WaitsAreSleptBetweenSteps)
     ASSERT_EQ(times.size(), 3u);
     EXPECT_GE(times[1] - times[0], milliseconds(60));
     EXPECT_GE(times[2] - times[1], milliseconds(60));
+
+    // A holder that stops the chain is asked during a long wait, not after it;
+    // the chain's state is freed where it stands.
+    qktest::LogMark mark;
+    int live = 0;
+    int asked = 0;
+    int steps = 0;
+    const auto start = Clock::now();
+    {
+        Tracked token(&live);
+        proc = new ContProc([token, &steps](ContProc*, int64_t* wait, QKResult* result, bool* more) {
+            ++steps;
+            *wait = 10000;
+            *more = true;
+            *result = QK_OK;
+        });
+    }
+    EXPECT_EQ(ContProc::run(proc, [&asked] { return ++asked == 4; }), QK_ERROR);
+    EXPECT_LT(Clock::now() - start, milliseconds(1000));
+    EXPECT_EQ(steps, 1);
+    EXPECT_EQ(live, 0);
+    EXPECT_EQ(mark.Count("ContProc::run: chain stopped by its holder", "ERR"), 1);
 }
 
 } // namespace
