@@ -253,19 +253,14 @@ TEST_F(PreviewRetrievalTest, HooksSeeThePixelsMayBorrowAtOnceAndReleaseOutlivesT
     // The hook changes the pixels in place before the headers are written.
     device->postprocess = [](unsigned char* pixels) {
         EXPECT_EQ(pixels[-54], 0) << "no headers yet on a fresh buffer";
-        pixels[0] = 1;
-        pixels[1] = 2;
-        pixels[2] = 3;
+        pixels[1] = 77;
     };
     Picture fromHook;
     device->onNewFrame = [&] { ASSERT_EQ(device->GetPreviewFrame(&fromHook.data, &fromHook.size), QK_OK); };
     ASSERT_EQ(device->PTPLoadPreviewFrame(), QK_OK);
     ASSERT_NE(fromHook.data, nullptr);
-    const uint8_t* file = fromHook.Bytes();
-    EXPECT_EQ(file[0], 'B');
-    EXPECT_EQ(file[54], 1);
-    EXPECT_EQ(file[55], 2);
-    EXPECT_EQ(file[56], 3);
+    EXPECT_EQ(fromHook.Bytes()[0], 'B');
+    EXPECT_EQ(fromHook.Bytes()[55], 77);
 
     std::function<void(void*)> release = device->lastRelease;
     ASSERT_TRUE(release);
