@@ -255,7 +255,11 @@ TEST_F(Catalogue, FileListIsASnapshotGivenBackThroughFreePointer)
     // Rebuilds leave a handed-out list alone.
     EXPECT_EQ(std::wstring(files[0].name), L"IMG_0001.JPG");
     EXPECT_EQ(files[1].size, 2);
+    LogMark mark;
     device->FreePointer(files);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(files);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
 } // namespace

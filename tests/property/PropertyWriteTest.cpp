@@ -250,6 +250,16 @@ TEST_F(PropertyQueryTest, ListsAndValuesFollowTheConstraints)
                                         20, 21, 22, 23, 24}));
     EXPECT_EQ(Values(QKProp::Av), (std::vector<int>{35, 40, 45, 50, 56, 63, 71, 80}));
     EXPECT_EQ(Values(QKProp::JpegQuality), (std::vector<int>{0, 1, 2}));
+
+    // Arrays go back once through FreePointer.
+    int* props = nullptr;
+    int count = 0;
+    ASSERT_EQ(device->GetPropertyList(&props, &count), QK_OK);
+    LogMark mark;
+    device->FreePointer(props);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 0);
+    device->FreePointer(props);
+    EXPECT_EQ(mark.Count("FreePointer: unknown pointer"), 1);
 }
 
 TEST_F(PropertyQueryTest, ImageSizesCarryWidthAndHeightAndValuesComeInTheModelsOrder)
