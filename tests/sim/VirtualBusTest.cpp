@@ -22,7 +22,7 @@ std::string StringOf(libusb_device_handle* handle, uint8_t index)
 class BusEnumeration : public SimBusTest {};
 
 // Both cameras are on the bus before libusb starts, so that neither waits for hot-plug.
-TEST_F(BusEnumeration, ListsTwoCamerasAnotherDeviceAndTheRootHubAndEachCameraAnswersForItself)
+TEST_F(BusEnumeration, ListsTwoCamerasAnotherDeviceAndTheRootHub)
 {
     auto sx = AddCamera("SX160", "AB");
     auto a = AddCamera("A1400", "XYZ");
@@ -46,15 +46,6 @@ TEST_F(BusEnumeration, ListsTwoCamerasAnotherDeviceAndTheRootHubAndEachCameraAns
         libusb_free_device_list(list, 1);
     std::sort(seen.begin(), seen.end());
     EXPECT_EQ(seen, (std::vector<std::wstring>{L"1133:49271:1:4", sx->Path(), a->Path(), L"7531:2:1:1 hub"}));
-
-    libusb_device_handle* first = Open(*sx);
-    libusb_device_handle* second = Open(*a);
-    ASSERT_TRUE(first && second);
-    ASSERT_EQ(Send(second, kSerialRequest), 0);
-    ASSERT_EQ(Send(first, kSerialRequest), 0);
-    EXPECT_EQ(Receive(first, 512), (Bytes{15, 0, 0, 0, 2, 0, 0x99, 0x99, 0, 0, 0, 0, 'A', 0, 'B'}));
-    EXPECT_EQ(Receive(second, 512).size(), 17u);
-    EXPECT_TRUE(sx->ReceivedCommands().size() == 1 && a->ReceivedCommands().size() == 1);
 }
 
 TEST_F(BusEnumeration, AddressesAreGivenOutUsedAgainAndHonoured)
