@@ -124,25 +124,23 @@ void Lens(DevicePTP& camera)
     camera.UpdateZoom();
 }
 
-const std::string& DownloadPath();
-
-void RemoveDownloadFile() { unlink(DownloadPath().c_str()); }
-
 // One file for every download of the process, removed at exit.
-const std::string& DownloadPath()
-{
-    static const std::string path = [] {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qkfuzz-XXXXXX").string();
-        const int fd = mkstemp(pattern.data());
+struct DownloadFile {
+    DownloadFile()
+    {
+        const int fd = mkstemp(path.data());
         if (fd < 0)
             std::abort();
         close(fd);
-        return pattern;
-    }();
-    // Registered after the string is made, so it runs before the string goes.
-    static const int removal = std::atexit(RemoveDownloadFile);
-    (void)removal;
-    return path;
+    }
+    ~DownloadFile() { unlink(path.c_str()); }
+    std::string path = (std::filesystem::temp_directory_path() / "qkfuzz-XXXXXX").string();
+};
+
+const std::string& DownloadPath()
+{
+    static const DownloadFile file;
+    return file.path;
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 // starts from a reply the camera really gives. Run it after changing a
 // family or the camera: camera_replies_corpus fuzz/corpus
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "fuzz/CameraFamilies.h"
+#include "fuzz/ScriptedUsb.h"
 #include "sim/VirtualCameraImpl.h"
 
 using namespace qksim;
@@ -33,41 +33,25 @@ struct SimCamera : VirtualCameraImpl {
     }
 };
 
-// Answers from the responder, and keeps every byte the engine reads.
-class RecordingUsb : public UsbLib {
+// A script that the responder's answers extend; what the engine read of it
+// is the recording.
+class RecordingUsb : public ScriptedUsb {
 public:
     RecordingUsb(PtpResponder& responder_, std::wstring product)
-        : UsbLib(UsbLib::EmptyNotify), responder(responder_), name(std::move(product))
+        : ScriptedUsb(nullptr, 0, std::move(product)), responder(responder_)
     {
     }
-    std::set<std::wstring> GetAllConnectedDevicePaths() override { return {L"recording"}; }
-    void* OpenDevice(std::wstring) override { return this; }
-    void CloseDevice(void*) override {}
-    std::wstring GetDeviceName(void*) override { return name; }
     bool Write(DataLen* buffer, void*) override
     {
         const uint8_t* bytes = static_cast<const uint8_t*>(buffer->data);
         for (const auto& container : responder.Receive(std::vector<uint8_t>(bytes, bytes + buffer->len)))
-            pending.insert(pending.end(), container.begin(), container.end());
+            script.insert(script.end(), container.begin(), container.end());
         return true;
     }
-    bool Read(DataLen* buffer, void*) override
-    {
-        if (pending.size() - taken < buffer->len)
-            return false;
-        const uint8_t* from = pending.data() + taken;
-        std::copy(from, from + buffer->len, static_cast<uint8_t*>(buffer->data));
-        recorded.insert(recorded.end(), from, from + buffer->len);
-        taken += buffer->len;
-        return true;
-    }
-    std::vector<uint8_t> recorded;
+    std::vector<uint8_t> Recorded() const { return {script.begin(), script.begin() + position}; }
 
 private:
     PtpResponder& responder;
-    std::wstring name;
-    std::vector<uint8_t> pending;
-    size_t taken = 0;
 };
 
 struct Seed {
@@ -168,7 +152,8 @@ int main(int argc, char** argv)
         auto usb = std::make_shared<RecordingUsb>(camera.Responder(), FamilyProduct(seed.flags));
         RunCameraFamily(seed.family, seed.flags, usb, download);
         std::vector<uint8_t> input = {static_cast<uint8_t>(seed.family), seed.flags};
-        input.insert(input.end(), usb->recorded.begin(), usb->recorded.end());
+        const std::vector<uint8_t> recorded = usb->Recorded();
+        input.insert(input.end(), recorded.begin(), recorded.end());
         written = WriteInput(directory / seed.name, input) && written;
     }
     std::filesystem::remove(download);

@@ -34,8 +34,8 @@ public:
     }
     bool Write(DataLen*, void*) override { return true; }
 
-private:
+protected:
     std::vector<uint8_t> script;
-    size_t position = 0;
+    size_t position = 0; // what was read so far is script[0, position)
     std::wstring name;
 };

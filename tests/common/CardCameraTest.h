@@ -65,19 +65,16 @@ public:
     QKResult preShootResult = QK_OK;
 };
 
-class CardCameraTest : public VirtualCameraTest {
+class CardCameraTest : public OneCameraTest<CardCamera> {
 protected:
     void SetUp() override
     {
-        camera = AddCamera("SX160", "QKF0001");
-        ASSERT_TRUE(camera);
-        device = OpenDevice<CardCamera>(*camera);
+        Open("SX160", "QKF0001");
         camera->ClearRecords();
     }
     void TearDown() override
     {
-        device.reset();
-        VirtualCameraTest::TearDown();
+        OneCameraTest::TearDown();
         for (const std::string& path : localFiles)
             std::remove(path.c_str());
     }
@@ -125,8 +122,6 @@ protected:
         return names;
     }
 
-    std::shared_ptr<qksim::VirtualCamera> camera;
-    std::shared_ptr<CardCamera> device;
     std::vector<std::string> localFiles;
 };
 

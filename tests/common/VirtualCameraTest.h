@@ -59,6 +59,26 @@ protected:
     std::shared_ptr<UsbLib> usb;
 };
 
+// One camera of a chosen model and a host's object of kind Device on it.
+template <class Device>
+class OneCameraTest : public VirtualCameraTest {
+protected:
+    void TearDown() override
+    {
+        device.reset();
+        VirtualCameraTest::TearDown();
+    }
+    void Open(const std::string& model, const std::string& serial = "QKS0001")
+    {
+        camera = AddCamera(model, serial);
+        ASSERT_TRUE(camera);
+        device = OpenDevice<Device>(*camera);
+    }
+
+    std::shared_ptr<qksim::VirtualCamera> camera;
+    std::shared_ptr<Device> device;
+};
+
 // One vendor sub-command as the camera received it, and the parameters behind it.
 using VendorCall = std::pair<uint32_t, std::vector<uint32_t>>;
 

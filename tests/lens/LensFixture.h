@@ -102,20 +102,12 @@ inline std::vector<uint32_t> SubCommands(const qksim::VirtualCamera& camera)
 // Not supported: an answer the transaction does not retry.
 inline qksim::PtpReply Refused() { return qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported); }
 
-class LensTest : public VirtualCameraTest {
+class LensTest : public OneCameraTest<LensCamera> {
 protected:
-    void TearDown() override
-    {
-        device.reset();
-        VirtualCameraTest::TearDown();
-    }
-
     // Adds the camera, opens and loads it; records and hooks start empty.
     void Open(const std::string& model)
     {
-        camera = AddCamera(model, "QKS0005");
-        ASSERT_TRUE(camera);
-        device = OpenDevice<LensCamera>(*camera);
+        OneCameraTest::Open(model);
         ASSERT_EQ(device->InitialLoadProperties(), QK_OK);
         camera->ClearRecords();
         device->ClearHooks();
@@ -139,9 +131,6 @@ protected:
     qksim::CameraLens& Lens() { return camera->Lens(); }
     qksim::CameraSettings& Settings() { return camera->Settings(); }
     const std::vector<int32_t>& Row(int zoom) { return Lens().FocusTable().at(static_cast<size_t>(zoom)); }
-
-    std::shared_ptr<qksim::VirtualCamera> camera;
-    std::shared_ptr<LensCamera> device;
 };
 
 } // namespace qktest

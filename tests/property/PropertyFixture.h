@@ -47,20 +47,12 @@ private:
     std::vector<std::string> hooks;
 };
 
-class PropertyTest : public VirtualCameraTest {
+class PropertyTest : public OneCameraTest<RecordingCamera> {
 protected:
-    void TearDown() override
-    {
-        device.reset();
-        VirtualCameraTest::TearDown();
-    }
-
     // Adds the camera and opens it; the caller may adjust the camera before loading.
     void Open(const std::string& model, bool load = false)
     {
-        camera = AddCamera(model, "QKS0001");
-        ASSERT_TRUE(camera);
-        device = OpenDevice<RecordingCamera>(*camera);
+        OneCameraTest::Open(model);
         if (load)
             Load();
     }
@@ -86,9 +78,6 @@ protected:
         return value;
     }
     qksim::CameraSettings& Settings() { return camera->Settings(); }
-
-    std::shared_ptr<qksim::VirtualCamera> camera;
-    std::shared_ptr<RecordingCamera> device;
 };
 
 constexpr int P(QKProp p) { return static_cast<int>(p); }

@@ -29,13 +29,15 @@ protected:
         return Run(TRANSACTION_GETDATA, result, nullptr, callback);
     }
     bool NoData(std::vector<unsigned int>* words = nullptr) { return Run(TRANSACTION_NODATA, nullptr, words); }
+    // The bytes of a result, which goes back to the engine.
+    static std::vector<uint8_t> Take(DataLen& data)
+    {
+        const auto* bytes = static_cast<const uint8_t*>(data.data);
+        std::vector<uint8_t> copy(bytes, bytes + data.len);
+        DevicePTP::FreePtpTransactionGetBuffer(data);
+        return copy;
+    }
 };
-
-std::vector<uint8_t> Bytes(const DataLen& data)
-{
-    const auto* bytes = static_cast<const uint8_t*>(data.data);
-    return std::vector<uint8_t>(bytes, bytes + data.len);
-}
 
 TEST_F(PtpTransactionTest, CommandContainerCarriesCodeIdAndParameters)
 {
@@ -92,8 +94,7 @@ TEST_F(PtpTransactionTest, ReplyArrivesWholeInTheResultOrInChunksOfTheFirstPacke
         // Given both destinations, the result takes the whole reply.
         DataLen result;
         ASSERT_TRUE(Get(&result, &callback));
-        EXPECT_TRUE(Bytes(result) == data);
-        DevicePTP::FreePtpTransactionGetBuffer(result);
+        EXPECT_TRUE(Take(result) == data);
         EXPECT_TRUE(sizes.empty());
         // The 52-byte data container and the response: one transfer each.
         if (c.size == 40) {
@@ -118,8 +119,7 @@ TEST_F(PtpTransactionTest, ThreeGeneralErrorsAreRetriedThenFail)
     LogMark mark;
     auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(NoData());
-    auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(mark.Count("PTP General Error. Retry " + std::to_string(i)), 1);
     EXPECT_EQ(mark.Count("PTP General Error. Retry 3"), 0);
@@ -134,22 +134,18 @@ TEST_F(PtpTransactionTest, GeneralErrorInsteadOfOrAfterDataIsRetriedWithNewIds)
     LogMark mark;
     DataLen result;
     ASSERT_TRUE(Get(&result));
-    EXPECT_EQ(result.len, 64u);
-    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(Take(result), Pattern(64, 5));
     EXPECT_EQ(mark.Count("GETDATA failed: wrong CONTAINER_DATA"), 2);
-    std::vector<PtpCommand> sent = camera->ReceivedCommands();
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_EQ(sent[0].transId, 0u);
-    EXPECT_EQ(sent[1].transId, 1u);
-    EXPECT_EQ(sent[2].transId, 2u);
+    EXPECT_EQ(qktest::Records(camera->ReceivedCommands()),
+              (std::vector<std::vector<uint32_t>>{{16, 1, 0x9999, 0, testSub}, {16, 1, 0x9999, 1, testSub},
+                                                  {16, 1, 0x9999, 2, testSub}}));
 
     // After a whole data phase: that buffer is freed and the transaction sent again.
     camera->ClearRecords();
     camera->GeneralErrorNext(1);
     Answer(DataReply(Pattern(700, 3)));
     ASSERT_TRUE(Get(&result));
-    EXPECT_EQ(result.len, 700u);
-    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(Take(result), Pattern(700, 3));
     EXPECT_EQ(camera->ReceivedCommands().size(), 2u);
 }
 
@@ -243,13 +239,12 @@ TEST_F(PtpTransactionTest, LateAnswerOfATimedOutTransactionIsSkippedNotTaken)
     std::vector<unsigned int> words;
     ASSERT_TRUE(device->PtpTransaction(PTP_OC_QKM, DevicePTP::PTPmkParams(otherSub), TRANSACTION_GETDATA,
                                        &result, &words, nullptr));
-    EXPECT_EQ(Bytes(result), (std::vector<uint8_t>{9, 8}));
+    EXPECT_EQ(Take(result), (std::vector<uint8_t>{9, 8}));
     EXPECT_EQ(words.at(0), 42u);
-    DevicePTP::FreePtpTransactionGetBuffer(result);
     EXPECT_EQ(mark.Count("discarding a stale container (type 2, transaction 0, waiting for 1)"), 1);
     EXPECT_EQ(mark.Count("discarding a stale container (type 3, transaction 0, waiting for 1)"), 1);
     EXPECT_TRUE(Get(&result));
-    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(Take(result), (std::vector<uint8_t>{1, 2, 3, 4}));
 }
 
 TEST_F(PtpTransactionTest, RestOfABrokenTransferIsSkippedPacketByPacket)
@@ -262,8 +257,7 @@ TEST_F(PtpTransactionTest, RestOfABrokenTransferIsSkippedPacketByPacket)
     LogMark mark;
     DataLen result;
     ASSERT_TRUE(Get(&result));
-    EXPECT_EQ(Bytes(result), (std::vector<uint8_t>{1, 2, 3}));
-    DevicePTP::FreePtpTransactionGetBuffer(result);
+    EXPECT_EQ(Take(result), (std::vector<uint8_t>{1, 2, 3}));
     EXPECT_EQ(mark.Count("skipping to the next container"), 1);
     EXPECT_EQ(mark.Count("discarding a stale container (type 3, transaction 7"), 1);
     EXPECT_EQ(mark.Count("back in step after 2 packets"), 1);

@@ -48,36 +48,21 @@ protected:
     PtpResponder responder;
 };
 
-TEST_F(ResponderTest, SerialNumberHasZeroBetweenCharactersOnly)
-{
-    auto out = responder.Receive(Command(0x9999, 7, {0xA1}));
-    ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(out[0], (Bytes{15, 0, 0, 0, 2, 0, 0x99, 0x99, 7, 0, 0, 0, 'A', 0, 'B'}));
-    EXPECT_EQ(out[1], (Bytes{12, 0, 0, 0, 3, 0, 0x01, 0x20, 7, 0, 0, 0}));
-    EXPECT_EQ(SerialNumberData(""), Bytes{});
-    EXPECT_EQ(SerialNumberData("Q"), Bytes{'Q'});
-}
-
+// A program other than the engine may send anything: malformed commands get InvalidParameter.
 TEST_F(ResponderTest, AnswersWithoutDataAndMalformedCommandsGetInvalidParameter)
 {
     Bytes wrongLength = Command(0x1002, 9, {1});
     wrongLength[0] = 20;
-    const struct {
-        Bytes command;
-        uint16_t code;
-    } cases[] = {
+    const std::pair<Bytes, uint16_t> cases[] = {
         {Command(0x1002, 0, {1}), ptp::RC_OK},
-        {Command(0x1001, 1, {}), ptp::RC_OperationNotSupported},
         {Command(0x9999, 2, {0x55}), ptp::RC_OperationNotSupported},
-        {Command(0x9999, 3, {}), ptp::RC_OperationNotSupported},
         {wrongLength, ptp::RC_InvalidParameter},
         {MakeParamContainer(ptp::kData, 0x1002, 9, {1}), ptp::RC_InvalidParameter},
         {MakeContainer(ptp::kCommand, 0x1002, 9, Bytes(5)), ptp::RC_InvalidParameter},  // not whole words
         {MakeContainer(ptp::kCommand, 0x1002, 9, Bytes(24)), ptp::RC_InvalidParameter}, // six parameters
-        {Bytes{1, 2, 3}, ptp::RC_InvalidParameter},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(ResponseOnly(c.command), c.code) << "case " << (&c - cases);
+        EXPECT_EQ(ResponseOnly(c.first), c.second) << "case " << (&c - cases);
 }
 
 TEST_F(ResponderTest, RecordsEveryCommandAsReceivedSilencedOrNot)
@@ -88,8 +73,6 @@ TEST_F(ResponderTest, RecordsEveryCommandAsReceivedSilencedOrNot)
     EXPECT_EQ(ResponseOnly(Bytes{10, 0, 0, 0, 1, 0}), ptp::RC_InvalidParameter);
     EXPECT_EQ(qktest::Records(responder.ReceivedCommands()),
               (std::vector<std::vector<uint32_t>>{{16, 1, 0x9999, 4, 0xA1}, {10, 1, 0, 0}}));
-    responder.ClearRecords();
-    EXPECT_TRUE(responder.ReceivedCommands().empty());
 }
 
 TEST_F(ResponderTest, HandlersSeeTheCommandAndReplaceBuiltInAnswersInOrder)
@@ -104,17 +87,11 @@ TEST_F(ResponderTest, HandlersSeeTheCommandAndReplaceBuiltInAnswersInOrder)
     };
     responder.SetOperationHandler(0x9999, answer(0x2010));
     auto out = responder.Receive(Command(0x9999, 1, {0xA1}));
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(GetLe16(out[0].data() + 6), 0x2010);
     // Six parameters asked for, five fit in a response.
-    EXPECT_EQ(out[0].size(), 32u);
-    EXPECT_EQ(GetLe32(out[0].data() + 0), 32u);
-    EXPECT_EQ(GetLe32(out[0].data() + 28), 5u);
+    EXPECT_EQ(out.at(0), MakeParamContainer(ptp::kResponse, 0x2010, 1, {1, 2, 3, 4, 5}));
 
     responder.SetVendorHandler(0xA1, answer(0x2011));
-    out = responder.Receive(Command(0x9999, 1, {0xA1}));
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(GetLe16(out[0].data() + 6), 0x2011);
+    EXPECT_EQ(GetLe16(responder.Receive(Command(0x9999, 1, {0xA1})).at(0).data() + 6), 0x2011);
     // Other sub-commands fall to the operation's handler.
     EXPECT_EQ(GetLe16(responder.Receive(Command(0x9999, 1, {0xB0}))[0].data() + 6), 0x2010);
     // Removing both brings the camera's own answer back.
@@ -130,8 +107,7 @@ TEST_F(ResponderTest, HandlersSeeTheCommandAndReplaceBuiltInAnswersInOrder)
     });
     out = responder.Receive(Command(0x1016, 33, {0xD1, 5}));
     EXPECT_EQ(qktest::Records({seen}), (std::vector<std::vector<uint32_t>>{{20, 1, 0x1016, 33, 0xD1, 5}}));
-    ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(out[0], (Bytes{12, 0, 0, 0, 2, 0, 0x16, 0x10, 33, 0, 0, 0}));
+    EXPECT_EQ(out.at(0), (Bytes{12, 0, 0, 0, 2, 0, 0x16, 0x10, 33, 0, 0, 0}));
 }
 
 TEST_F(ResponderTest, GeneralErrorAfterDataOrInsteadOfIt)
