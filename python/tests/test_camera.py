@@ -140,6 +140,8 @@ def test_zoom_focus_video_and_hooks(bus):
     changes = []
     with qkcam.open(on_zoom_changed=lambda z: changes.append(("zoom", z)),
                     on_focus_changed=lambda f: changes.append(("focus", f)),
+                    on_property_list_changed=lambda: changes.append("list"),
+                    on_new_preview_frame=lambda: changes.append("frame"),
                     on_property_changed=lambda n, v: changes.append((n, v))) as cam:
         cam.zoom = 40
         assert cam.zoom == 40 and ("zoom", 40) in changes
@@ -149,7 +151,9 @@ def test_zoom_focus_video_and_hooks(bus):
         cam.properties["Image Size"] = "Small"
         cam.properties["JPEG Quality"] = "Superfine"
         cam.properties["Image Size"] = "Large"
-        assert ("JPEG Quality", "Fine") in changes
+        assert ("JPEG Quality", "Fine") in changes and "list" in changes
+        cam.preview_bmp()
+        assert changes[-1] == "frame"
         before = cam.focus
         cam.focus = 300  # the lens goes where its zoom lets it
         assert cam.focus != before and ("focus", cam.focus) in changes
