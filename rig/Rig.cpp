@@ -119,6 +119,14 @@ std::unique_ptr<Rig> Rig::Open(std::shared_ptr<UsbLib> usb, const RigOptions& op
     return rig;
 }
 
+std::unique_ptr<Rig> Rig::Of(std::shared_ptr<UsbLib> usb, std::vector<Camera> cameras)
+{
+    std::unique_ptr<Rig> rig(new Rig());
+    rig->usb = std::move(usb);
+    rig->cameras = std::move(cameras);
+    return rig;
+}
+
 const Rig::Camera* Rig::Find(const std::wstring& serial) const
 {
     for (const Camera& camera : cameras)

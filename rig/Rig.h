@@ -30,6 +30,9 @@ struct RigOutcome {
 /// One camera's part of a synchronised shot.
 struct RigShotOutcome : RigOutcome {
     QKFileInfo file{};  ///< The new picture (valid when ok()).
+    /// When the camera's shoot command was let go, on the wall clock (the
+    /// epoch when it never got there).
+    std::chrono::system_clock::time_point released{};
 };
 
 /// How a rig is opened.
@@ -85,6 +88,14 @@ public:
     /// then releases all commands together. `direct` keeps the pictures in
     /// camera memory (negative file ids) instead of the card.
     std::vector<RigShotOutcome> Shoot(bool direct) const;
+    /// The same, the commands let go at `fireAt` on the wall clock
+    /// (CLOCK_REALTIME) once every camera is there, or at once if that has
+    /// passed: rigs on hosts whose clocks agree fire together.
+    std::vector<RigShotOutcome> ShootAt(bool direct, std::chrono::system_clock::time_point fireAt) const;
+
+    /// A rig of cameras already opened and readied (by earlier rigs on the
+    /// same transport), for a host whose set of cameras changes.
+    static std::unique_ptr<Rig> Of(std::shared_ptr<UsbLib> usb, std::vector<Camera> cameras);
 
     /// The transport the rig was opened on.
     const std::shared_ptr<UsbLib>& Transport() const { return usb; }

@@ -8,23 +8,25 @@
 #include "rig/Rig.h"
 #include "rig/ShotGate.h"
 
-std::vector<RigShotOutcome> Rig::Shoot(bool direct) const
+namespace {
+
+std::vector<RigShotOutcome> ShootThrough(const std::vector<Rig::Camera>& cameras, ShotGate& gate, bool direct)
 {
     std::vector<RigShotOutcome> outcomes(cameras.size());
-    ShotGate gate(cameras.size());
     std::vector<std::thread> workers;
     workers.reserve(cameras.size());
     for (size_t i = 0; i < cameras.size(); ++i) {
-        workers.emplace_back([this, i, direct, &gate, &outcomes] {
-            const Camera& camera = cameras[i];
+        workers.emplace_back([&cameras, i, direct, &gate, &outcomes] {
+            const Rig::Camera& camera = cameras[i];
             RigShotOutcome& outcome = outcomes[i];
             outcome.serial = camera.serial;
             outcome.path = camera.path;
             bool arrived = false;
             auto onCompleted = [&outcome](QKFileInfo file) { outcome.file = file; };
-            auto atCommand = [&gate, &arrived] {
+            auto atCommand = [&gate, &arrived, &outcome] {
                 arrived = true;
                 gate.Arrive();
+                outcome.released = std::chrono::system_clock::now();
             };
             ContProc* chain = direct ? camera.device->PTPShoot_DirectGated(onCompleted, atCommand)
                                      : camera.device->PTPShoot_NormalGated(onCompleted, atCommand);
@@ -40,4 +42,18 @@ std::vector<RigShotOutcome> Rig::Shoot(bool direct) const
     for (std::thread& worker : workers)
         worker.join();
     return outcomes;
+}
+
+} // namespace
+
+std::vector<RigShotOutcome> Rig::Shoot(bool direct) const
+{
+    ShotGate gate(cameras.size());
+    return ShootThrough(cameras, gate, direct);
+}
+
+std::vector<RigShotOutcome> Rig::ShootAt(bool direct, std::chrono::system_clock::time_point fireAt) const
+{
+    ShotGate gate(cameras.size(), fireAt);
+    return ShootThrough(cameras, gate, direct);
 }

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "rig/ShotGate.h"
 
+#include <time.h>
+
+#include <cerrno>
 #include <thread>
 
 namespace {
@@ -30,6 +33,22 @@ void ShotGate::CountOne(std::unique_lock<std::mutex>& lock)
     }
 }
 
+// Sleeps on the wall clock itself, so that a clock stepped meanwhile (NTP)
+// still fires at the instant asked for; the last stretch is spun.
+static void WaitUntilWallClock(std::chrono::system_clock::time_point instant)
+{
+    using namespace std::chrono;
+    const auto asTimespec = [](system_clock::time_point point) {
+        const auto ns = duration_cast<nanoseconds>(point.time_since_epoch()).count();
+        return timespec{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+    };
+    const timespec early = asTimespec(instant - spinPart);
+    while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &early, nullptr) == EINTR) {
+    }
+    while (system_clock::now() < instant) {
+    }
+}
+
 void ShotGate::Arrive()
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -37,7 +56,10 @@ void ShotGate::Arrive()
     allThere.wait(lock, [this] { return open; });
     const auto instant = release;
     lock.unlock();
-    WaitUntil(instant);
+    if (wallClock)
+        WaitUntilWallClock(fireAt);
+    else
+        WaitUntil(instant);
 }
 
 void ShotGate::Withdraw()

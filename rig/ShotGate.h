@@ -10,6 +10,12 @@
 class ShotGate {
 public:
     explicit ShotGate(size_t parties) : waiting(parties) {}
+    // Released at a wall-clock instant (CLOCK_REALTIME), not as soon as all
+    // are there: hosts whose clocks agree fire together.
+    ShotGate(size_t parties, std::chrono::system_clock::time_point fireAt)
+        : waiting(parties), wallClock(true), fireAt(fireAt)
+    {
+    }
 
     // A camera is at its command: blocks until every party has arrived or
     // withdrawn, then until the common release instant.
@@ -27,4 +33,6 @@ private:
     size_t waiting;
     bool open = false;
     std::chrono::steady_clock::time_point release{};
+    bool wallClock = false;
+    std::chrono::system_clock::time_point fireAt{};
 };

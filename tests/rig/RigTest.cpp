@@ -122,8 +122,10 @@ TEST_F(RigTest, SynchronisedShotReleasesEveryCommandTogetherAndFindsEachFile)
     struct Case {
         bool direct;
         bool unplugSecond;
+        bool atWallClock;
     };
-    for (const Case c : {Case{false, false}, Case{true, false}, Case{false, true}}) {
+    for (const Case c : {Case{false, false, false}, Case{true, false, false}, Case{false, true, false},
+                         Case{true, false, true}}) {
         SCOPED_TRACE(std::string(c.direct ? "direct" : "normal") + (c.unplugSecond ? ", one pulled out" : ""));
         cameras.clear();
         qksim::VirtualBus::Instance().RemoveAll();
@@ -142,7 +144,8 @@ TEST_F(RigTest, SynchronisedShotReleasesEveryCommandTogetherAndFindsEachFile)
                 cameras[1]->Unplug();
             });
         }
-        std::vector<RigShotOutcome> shots = rig->Shoot(c.direct);
+        const auto fireAt = std::chrono::system_clock::now() + std::chrono::milliseconds(400);
+        std::vector<RigShotOutcome> shots = c.atWallClock ? rig->ShootAt(c.direct, fireAt) : rig->Shoot(c.direct);
         if (puller.joinable())
             puller.join();
 
@@ -160,6 +163,10 @@ TEST_F(RigTest, SynchronisedShotReleasesEveryCommandTogetherAndFindsEachFile)
             }
             ASSERT_EQ(shots[i].result, QK_OK);
             EXPECT_EQ(shots[i].step, "");
+            // Never before the instant asked for; the release time is the wall clock's.
+            if (c.atWallClock)
+                EXPECT_GE(shots[i].released, fireAt);
+            EXPECT_LT(std::chrono::system_clock::now() - shots[i].released, std::chrono::seconds(10));
             if (c.direct) {
                 EXPECT_LT(shots[i].file.id, 0);
                 EXPECT_GT(shots[i].file.size, 0);
