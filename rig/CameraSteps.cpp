@@ -2,6 +2,12 @@
 #include "rig/CameraSteps.h"
 
 #include <strings.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 #include <climits>
@@ -165,6 +171,27 @@ QKResult DownloadTo(DevicePTP& device, int id, const std::string& path)
     }
     if (result != QK_OK)
         std::remove(part.c_str());
+    return result;
+}
+
+QKResult ReadFile(DevicePTP& device, int id, std::string* bytes)
+{
+    const int fd = memfd_create("qkcam-read", MFD_CLOEXEC);
+    if (fd < 0) {
+        QK_LOG_ERR("ReadFile: no memory file: %s", std::strerror(errno));
+        return QK_ERROR;
+    }
+    // The engine writes to a path; this one names the memory file.
+    QKResult result = device.PTPDownloadFile(id, "/proc/self/fd/" + std::to_string(fd));
+    struct stat status {};
+    if (result == QK_OK && fstat(fd, &status) == 0) {
+        bytes->resize(static_cast<size_t>(status.st_size));
+        if (pread(fd, bytes->data(), bytes->size(), 0) != static_cast<ssize_t>(bytes->size())) {
+            QK_LOG_ERR("ReadFile: file %d could not be read back", id);
+            result = QK_ERROR;
+        }
+    }
+    close(fd);
     return result;
 }
 

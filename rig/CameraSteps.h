@@ -50,6 +50,9 @@ QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files);
 /// that was there before stays as it was.
 QKResult DownloadTo(DevicePTP& device, int id, const std::string& path);
 
+/// The whole file `id` into `bytes`, through an anonymous memory file
+/// (nothing touches a disk).
+QKResult ReadFile(DevicePTP& device, int id, std::string* bytes);
 /// Loads a preview frame and copies the whole BMP file out, giving the
 /// camera's buffer straight back.
 QKResult PreviewBmp(DevicePTP& device, std::vector<unsigned char>* bmp);

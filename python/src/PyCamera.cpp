@@ -2,9 +2,6 @@
 // _qkcam.Camera: one camera, every call into the engine without the GIL.
 
 #include <pybind11/stl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -293,22 +290,7 @@ py::bytes Camera::Read(int id)
     std::string bytes;
     {
         py::gil_scoped_release release;
-        // The engine writes to a path; an anonymous memory file is one
-        // that never touches a disk.
-        const int fd = memfd_create("qkcam-read", MFD_CLOEXEC);
-        if (fd < 0)
-            Fail(QK_ERROR, "memfd_create", "no memory file for reading " + std::to_string(id));
-        const QKResult result = Device()->PTPDownloadFile(id, "/proc/self/fd/" + std::to_string(fd));
-        struct stat status {};
-        bool readBack = false;
-        if (result == QK_OK && fstat(fd, &status) == 0) {
-            bytes.resize(static_cast<size_t>(status.st_size));
-            readBack = pread(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
-        }
-        close(fd);
-        Check(result, "PTPDownloadFile " + std::to_string(id));
-        if (!readBack)
-            Fail(QK_ERROR, "read", "file " + std::to_string(id) + " could not be read back");
+        Check(qkrig::ReadFile(*Device(), id, &bytes), "PTPDownloadFile " + std::to_string(id));
     }
     return py::bytes(bytes);
 }
