@@ -93,5 +93,6 @@ std::string MainLogPath();
 void AddSettingCommands(CLI::App& app, int* status);
 void AddShotCommands(CLI::App& app, int* status);
 void AddLensCommands(CLI::App& app, int* status);
+void AddRigCommands(CLI::App& app, int* status);
 
 } // namespace qkcli

@@ -32,6 +32,7 @@ int main(int argc, char** argv)
     qkcli::AddSettingCommands(app, &status);
     qkcli::AddShotCommands(app, &status);
     qkcli::AddLensCommands(app, &status);
+    qkcli::AddRigCommands(app, &status);
     // The logger is set up before any subcommand runs.
     app.parse_complete_callback([&] {
         if (logDir.empty()) {
