@@ -3,6 +3,7 @@
 // its USB bus, through the unmodified libusb-1.0.
 
 // Live preview: the frame size the cameras report.
+#include "sim/CameraCard.h"
 #include "sim/CameraPreview.h"
 #include "sim/CommandTrace.h"
 #include "sim/HotplugSchedule.h"
@@ -10,6 +11,7 @@
 #include "sim/VirtualBus.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,6 +44,8 @@ const char* const kUsage =
     "                                   camera receives to FILE: {\"serial\", \"operation\",\n"
     "                                   \"subCommand\" (vendor operations), \"ns\" (arrival,\n"
     "                                   monotonic clock)}; PROGRAM finds FILE in QKCAM_TRACE\n"
+    "  --card-dir DIR                   when PROGRAM has ended, write each camera's card\n"
+    "                                   files to DIR/SERIAL/NAME\n"
     "  --verbose                        list the devices, and each plug and unplug,\n"
     "                                   on standard error\n"
     "  --help                           show this help\n"
@@ -188,6 +192,29 @@ int RunChild(char** programArgs, qksim::HotplugSchedule& schedule)
     return 127;
 }
 
+// Every file on each camera's card, as DIR/SERIAL/NAME.
+bool WriteCards(const std::string& dir, const std::vector<std::shared_ptr<qksim::VirtualCamera>>& cameras)
+{
+    mkdir(dir.c_str(), 0777);
+    for (const auto& camera : cameras) {
+        const std::string folder = dir + "/" + camera->Setup().serial;
+        mkdir(folder.c_str(), 0777);
+        for (const qksim::CardObject& object : camera->Card().Objects()) {
+            if (object.IsFolder() || !object.bytes)
+                continue;
+            const std::string path = folder + "/" + object.name;
+            FILE* file = std::fopen(path.c_str(), "wb");
+            const bool written = file && std::fwrite(object.bytes->data(), 1, object.bytes->size(), file) ==
+                                             object.bytes->size();
+            if (!file || std::fclose(file) != 0 || !written) {
+                std::fprintf(stderr, "qkcam-virtual: cannot write %s\n", path.c_str());
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -204,6 +231,7 @@ int main(int argc, char** argv)
     qksim::PreviewSettings preview = qksim::PreviewSettings::Sized(720, 240);
     int programAt = -1;
     std::string tracePath;
+    std::string cardDir;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -235,6 +263,10 @@ int main(int argc, char** argv)
         }
         if (arg == "--trace" && i + 1 < argc) {
             tracePath = argv[++i];
+            continue;
+        }
+        if (arg == "--card-dir" && i + 1 < argc) {
+            cardDir = argv[++i];
             continue;
         }
         // Live preview.
@@ -322,7 +354,9 @@ int main(int argc, char** argv)
                          other.product.c_str());
     }
 
-    const int status = RunChild(argv + programAt, schedule);
+    int status = RunChild(argv + programAt, schedule);
+    if (!cardDir.empty() && !WriteCards(cardDir, added) && status == 0)
+        status = 1;
     added.clear();
     bus.RemoveAll();
     qksim::CommandTrace::Close();
