@@ -48,6 +48,9 @@ public:
     // How long remote capture takes before its data waits.
     void SetRemoteReadyDelay(unsigned ms);
     void SetPictureSize(int width, int height);
+    // Pictures grow to `bytes` with comment segments (still valid JPEG
+    // files), to stand for a real camera's large files; 0 leaves them as made.
+    void SetPictureBytes(size_t bytes);
     // Remote pictures go out in pieces of this size. Out of order, the second
     // half comes first, each half a run that starts with its byte offset as
     // position, so that only the positions restore the picture.
@@ -91,6 +94,7 @@ private:
     unsigned remoteReadyMs = 20;
     int pictureWidth = 320;
     int pictureHeight = 240;
+    size_t pictureBytes = 0;
     uint32_t pieceBytes = 8192;
     bool outOfOrder = false;
     std::string cameraLog;

@@ -5,6 +5,7 @@
 // Live preview: the frame size the cameras report.
 #include "sim/CameraCard.h"
 #include "sim/CameraPreview.h"
+#include "sim/CameraShutter.h"
 #include "sim/CommandTrace.h"
 #include "sim/HotplugSchedule.h"
 #include "sim/Preload.h"
@@ -44,6 +45,8 @@ const char* const kUsage =
     "                                   camera receives to FILE: {\"serial\", \"operation\",\n"
     "                                   \"subCommand\" (vendor operations), \"ns\" (arrival,\n"
     "                                   monotonic clock)}; PROGRAM finds FILE in QKCAM_TRACE\n"
+    "  --picture WIDTHxHEIGHT[:BYTES]   size of the pictures the cameras take (320x240),\n"
+    "                                   padded to BYTES with comment segments\n"
     "  --card-dir DIR                   when PROGRAM has ended, write each camera's card\n"
     "                                   files to DIR/SERIAL/NAME\n"
     "  --verbose                        list the devices, and each plug and unplug,\n"
@@ -232,6 +235,8 @@ int main(int argc, char** argv)
     int programAt = -1;
     std::string tracePath;
     std::string cardDir;
+    int pictureWidth = 320, pictureHeight = 240;
+    size_t pictureBytes = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -264,6 +269,15 @@ int main(int argc, char** argv)
         if (arg == "--trace" && i + 1 < argc) {
             tracePath = argv[++i];
             continue;
+        }
+        if (arg == "--picture" && i + 1 < argc) {
+            const std::string value = argv[++i];
+            const int fields = std::sscanf(value.c_str(), "%dx%d:%zu", &pictureWidth, &pictureHeight, &pictureBytes);
+            if (fields >= 2 && pictureWidth > 0 && pictureHeight > 0 && pictureWidth <= 8192 && pictureHeight <= 8192 &&
+                pictureBytes <= (64u << 20))
+                continue;
+            std::fprintf(stderr, "qkcam-virtual: bad value for %s: %s\n", arg.c_str(), value.c_str());
+            return 2;
         }
         if (arg == "--card-dir" && i + 1 < argc) {
             cardDir = argv[++i];
@@ -344,6 +358,8 @@ int main(int argc, char** argv)
                          setup.serial.c_str(), path.c_str());
         }
         camera->Preview().SetSettings(preview); // live preview
+        camera->Shutter().SetPictureSize(pictureWidth, pictureHeight);
+        camera->Shutter().SetPictureBytes(pictureBytes);
         added.push_back(camera);
         schedule.AddPresent(camera);
     }

@@ -50,6 +50,12 @@ void CameraShutter::SetPictureSize(int width, int height)
     pictureHeight = height;
 }
 
+void CameraShutter::SetPictureBytes(size_t bytes)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    pictureBytes = bytes;
+}
+
 void CameraShutter::SetRemoteChunking(uint32_t bytes, bool shuffled)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -157,9 +163,10 @@ PtpReply CameraShutter::RemoteCaptureStart(const PtpCommand&)
         return PtpReply{};
     }
     const int width = pictureWidth, height = pictureHeight;
+    const size_t padTo = pictureBytes;
     lock.unlock();
     // The picture shows the number the next card file would get.
-    std::vector<uint8_t> picture = TestPictureJpeg(card->TakeFileNumber(), width, height);
+    std::vector<uint8_t> picture = PadJpeg(TestPictureJpeg(card->TakeFileNumber(), width, height), padTo);
     lock.lock();
     remotePieces = CutLocked(picture);
     lastRemotePicture = std::move(picture);
@@ -256,7 +263,7 @@ uint32_t CameraShutter::PollEvents()
         const int number = card->TakeFileNumber();
         // Encoding a small picture takes a millisecond or so; it happens
         // once per shot, when the shot is found finished.
-        std::vector<uint8_t> picture = TestPictureJpeg(number, pictureWidth, pictureHeight);
+        std::vector<uint8_t> picture = PadJpeg(TestPictureJpeg(number, pictureWidth, pictureHeight), pictureBytes);
         const std::string name = CameraCard::FileName("IMG_", number, ".JPG");
         if (fileNever || fileDelayMs > 0)
             card->AddFileLater(name, std::move(picture), fileDelayMs, fileNever);

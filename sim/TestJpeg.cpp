@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sim/TestJpeg.h"
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
@@ -163,6 +164,23 @@ bool JpegSize(const std::vector<uint8_t>& jpeg, int* width, int* height)
     if (jpeg.size() < 4 || jpeg[0] != 0xFF || jpeg[1] != 0xD8)
         return false;
     return ReadHeader(jpeg.data(), jpeg.size(), width, height);
+}
+
+std::vector<uint8_t> PadJpeg(std::vector<uint8_t> jpeg, size_t bytes)
+{
+    constexpr size_t segmentHeader = 4, largestBody = 65533;
+    if (jpeg.size() < 2 || bytes <= jpeg.size() + segmentHeader)
+        return jpeg;
+    std::vector<uint8_t> padding;
+    for (size_t missing = bytes - jpeg.size(); missing >= segmentHeader;) {
+        const size_t body = std::min(largestBody, missing - segmentHeader);
+        const size_t length = body + 2;
+        padding.insert(padding.end(), {0xFF, 0xFE, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)});
+        padding.insert(padding.end(), body, 'Q');
+        missing -= body + segmentHeader;
+    }
+    jpeg.insert(jpeg.begin() + 2, padding.begin(), padding.end());
+    return jpeg;
 }
 
 } // namespace qksim

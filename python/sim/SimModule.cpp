@@ -7,6 +7,7 @@
 #include <pybind11/stl.h>
 
 #include "sim/CameraCard.h"
+#include "sim/CameraShutter.h"
 #include "sim/VirtualBus.h"
 #include "usb/UsbLib.h"
 
@@ -35,7 +36,15 @@ PYBIND11_MODULE(qkcam_virtual, module)
             [](VirtualCamera& camera, const std::string& name, size_t size) {
                 return camera.Card().AddFile(name, qksim::FillerBytes(size, 7));
             },
-            "Puts a file of `size` filler bytes on the card; its handle.");
+            "Puts a file of `size` filler bytes on the card; its handle.")
+        .def(
+            "set_picture",
+            [](VirtualCamera& camera, int width, int height, size_t bytes) {
+                camera.Shutter().SetPictureSize(width, height);
+                camera.Shutter().SetPictureBytes(bytes);
+            },
+            py::arg("width"), py::arg("height"), py::arg("bytes") = 0,
+            "Size of the pictures taken from now on, padded to `bytes` if that is larger.");
     module.def(
         "add_camera",
         [](const std::string& model, const std::string& serial) {

@@ -110,6 +110,19 @@ def test_shoot_read_download_remove(bus, tmp_path, direct):
             cam.read(picture)
 
 
+def test_large_pictures_arrive_whole(bus):
+    from io import BytesIO
+    from PIL import Image
+    virtual = bus("SX160")
+    virtual.set_picture(1600, 1200, 3_000_000)
+    with qkcam.open() as cam:
+        for direct in (False, True):
+            picture = cam.shoot(direct=direct)
+            data = cam.read(picture)
+            assert picture.size == len(data) == 3_000_000
+            assert Image.open(BytesIO(data)).size == (1600, 1200)
+
+
 def test_preview_is_the_bmp_as_rgb(bus):
     bus("SX160")
     with qkcam.open() as cam:

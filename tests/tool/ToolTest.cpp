@@ -101,6 +101,18 @@ TEST(ToolThroughLauncher, ListsTheLaunchersCameras)
     }
     EXPECT_EQ(serials, (std::set<std::string>{"QKS0001", "QKS0002"}));
     EXPECT_EQ(RunChild({QK_LAUNCHER_PATH, "--trace", "/nonexistent/dir/t", "--", "/bin/true"}, true).status, 2);
+    for (const char* bad : {"0x480", "640x480:99999999999", "640"})
+        EXPECT_EQ(RunChild({QK_LAUNCHER_PATH, "--picture", bad, "--", "/bin/true"}, true).status, 2) << bad;
+
+    // The cards as the program left them, written out after it ended.
+    const std::string cards = qktest::TempDir() + "/cards";
+    EXPECT_EQ(RunChild({QK_LAUNCHER_PATH, "--camera", "SX160:QKS0003", "--card-dir", cards, "--", "/bin/true"}, true)
+                  .status,
+              0);
+    std::ifstream first(cards + "/QKS0003/IMG_0001.JPG", std::ios::binary);
+    std::string jpeg((std::istreambuf_iterator<char>(first)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(jpeg.substr(0, 2), "\xff\xd8");
+    EXPECT_TRUE(std::ifstream(cards + "/QKS0003/MVI_0002.MOV").good());
 
     run = RunChild({QK_LAUNCHER_PATH, "--", QK_TOOL_PATH}, true);
     EXPECT_EQ(run.status, 255);
