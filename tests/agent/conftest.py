@@ -63,7 +63,7 @@ class Broker:
 
 
 class Agent:
-    def __init__(self, broker: Broker, host: str, work: str, cameras=4):
+    def __init__(self, broker: Broker, host: str, work: str, cameras=4, launcher_options=()):
         self.host, self.work = host, work
         self.cards = os.path.join(work, f"cards-{host}")
         password = os.path.join(work, f"pw-{host}")
@@ -71,7 +71,8 @@ class Agent:
             f.write(USERS[host] + "\n")
         models = ["SX160", "A1400", "G15", "SX40"]
         self.serials = [f"{host.upper()}C{n}" for n in range(cameras)]
-        args = [BIN["virtual"], "--card-dir", self.cards, "--trace", os.path.join(work, f"trace-{host}.jsonl")]
+        self.trace = os.path.join(work, f"trace-{host}.jsonl")
+        args = [BIN["virtual"], "--card-dir", self.cards, "--trace", self.trace, *launcher_options]
         for n, serial in enumerate(self.serials):
             args += ["--camera", f"{models[n % 4]}:{serial}"]
         args += ["--", BIN["agent"], "--broker", f"127.0.0.1:{broker.port}", "--rig", RIG, "--host-name", host,
