@@ -246,19 +246,19 @@ TEST_F(LensTest, ShiftWithoutATableCommandsZeroOnEachAttempt)
 // Looking up a focus position a number of table places away: pure table
 // work, so the records are set up by hand and no camera is needed.
 
-std::shared_ptr<LensCamera> WithTable(std::vector<std::vector<int32_t>> table)
+std::shared_ptr<RecordingCamera> WithTable(std::vector<std::vector<int32_t>> table)
 {
-    auto device = std::make_shared<LensCamera>(nullptr, L"none");
+    auto device = std::make_shared<RecordingCamera>(nullptr, L"none");
     device->Record().focusTable = std::move(table);
     return device;
 }
 
 TEST(FocusTableShift, PlacesAwayInTheRowOfTheZoom)
 {
-    std::shared_ptr<LensCamera> model = WithTable({});
+    std::shared_ptr<RecordingCamera> model = WithTable({});
     ASSERT_TRUE(findCameraConfig(&model->Record(), L"SX150"));
     enum { Four, Rows, Wide, Edges, Model };
-    const std::shared_ptr<LensCamera> devices[] = {
+    const std::shared_ptr<RecordingCamera> devices[] = {
         WithTable({{100, 200, 400, 800}}),
         WithTable({{100, 200, 400, 800}, {10, 20}, {1000, 3000}}),
         WithTable({{INT_MIN + 1, 0, INT_MAX}}),
@@ -292,7 +292,7 @@ TEST(FocusTableShift, PlacesAwayInTheRowOfTheZoom)
             << "table " << c.table << " zoom " << c.zoom << " focus " << c.focus << " shift " << c.shift;
 
     // Without a table every answer is 0.
-    std::shared_ptr<LensCamera> none = WithTable({});
+    std::shared_ptr<RecordingCamera> none = WithTable({});
     for (int zoom : {0, 5, -1})
         for (int focus : {0, -1, 123})
             for (int shift : {-3, 0, 1})

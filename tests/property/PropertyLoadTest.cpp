@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "tests/property/PropertyFixture.h"
+#include "tests/common/ModelCameraTest.h"
 
 namespace {
 

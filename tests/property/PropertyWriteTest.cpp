@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/property/PropertyFixture.h"
+#include "tests/common/ModelCameraTest.h"
 
 namespace {
 
@@ -140,16 +140,16 @@ TEST_F(PropertyWriteTest, GuardHooksStopWritesAndQueries)
 {
     struct Guarded : RecordingCamera {
         using RecordingCamera::RecordingCamera;
-        QKResult GuardCameraState() override { return state != QK_OK ? state : RecordingCamera::GuardCameraState(); }
         QKResult GuardAll() override { return all != QK_OK ? all : RecordingCamera::GuardAll(); }
-        QKResult state = QK_NOT_READY, all = QK_OK;
+        QKResult all = QK_OK;
     };
     Open("SX160");
     auto guarded = Reopen<Guarded>();
     Load();
+    guarded->guardResult = QK_NOT_READY;
     EXPECT_EQ(guarded->SetPropertyData(P(QKProp::MeteringMode), 1), QK_NOT_READY);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
-    guarded->state = QK_OK;
+    guarded->guardResult = QK_OK;
     guarded->all = QK_NOT_READY;
     int value = -7;
     EXPECT_EQ(guarded->GetPropertyData(P(QKProp::MeteringMode), &value), QK_NOT_READY);

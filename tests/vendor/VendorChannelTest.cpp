@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "sim/PtpReplies.h"
-#include "tests/property/PropertyFixture.h"
+#include "tests/common/ModelCameraTest.h"
 
 namespace {
 
