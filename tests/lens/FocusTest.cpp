@@ -73,8 +73,7 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        qksim::PtpReply reply = c.reply;
-        camera->SetVendorHandler(PTP_QKM_MoveFocusTo, [reply](const PtpCommand&) { return reply; });
+        AnswerVendor(PTP_QKM_MoveFocusTo, c.reply);
         LogMark mark;
         int reached = -99;
         EXPECT_EQ(device->PTPManualFocusSet(Row(0)[9], &reached), QK_ERROR);
@@ -86,7 +85,7 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
     EXPECT_TRUE(device->FocusHooks().empty());
 
     // Words beyond the two are the camera's business.
-    camera->SetVendorHandler(PTP_QKM_MoveFocusTo, [](const PtpCommand&) { return WordsReply({7, 555, 9}); });
+    AnswerVendor(PTP_QKM_MoveFocusTo, WordsReply({7, 555, 9}));
     int reached = -99;
     EXPECT_EQ(device->PTPManualFocusSet(555, &reached), QK_OK);
     EXPECT_EQ(reached, 555);
@@ -107,7 +106,7 @@ TEST_F(LensTest, FocusParamsAndUpdateFocusPos)
     EXPECT_EQ(device->FocusHooks(), std::vector<int>{777});
 
     for (const qksim::PtpReply& bad : {Refused(), WordsReply({3})}) {
-        camera->SetVendorHandler(PTP_QKM_GetFocusParams, [bad](const PtpCommand&) { return bad; });
+        AnswerVendor(PTP_QKM_GetFocusParams, bad);
         Lens().SetFocusPosition(900);
         LogMark failed;
         first = position = -5;

@@ -215,15 +215,14 @@ TEST_F(PropertyTest, ShortRepliesFailWithoutReadingBeyondThem)
 {
     Open("SX160", true);
     // Two words where three are taken.
-    camera->SetVendorHandler(PTP_QKM_GetVBat,
-                             [](const PtpCommand&) { return qksim::DataReply({1, 2, 3, 4, 5, 6, 7, 8}); });
+    AnswerVendor(PTP_QKM_GetVBat, qksim::DataReply({1, 2, 3, 4, 5, 6, 7, 8}));
     LogMark mark;
     EXPECT_EQ(device->ReadBatteryLevel(false), QK_ERROR);
     EXPECT_EQ(mark.Count("PTPQKMGet: reply of 8 bytes, 3 words expected"), 1);
     EXPECT_EQ(mark.Count("PTP_QKM_GetVBat failed"), 1);
 
     for (uint32_t sub : {PTP_QKM_GetPropCase, PTP_QKM_GetCamProperty})
-        camera->SetVendorHandler(sub, [](const PtpCommand&) { return qksim::DataReply({1, 2}); });
+        AnswerVendor(sub, qksim::DataReply({1, 2}));
     int raw = 77;
     EXPECT_EQ(device->PTPReadPropety(49, &raw), QK_ERROR);
     EXPECT_EQ(raw, 77);

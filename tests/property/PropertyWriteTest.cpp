@@ -91,7 +91,7 @@ TEST_F(PropertyWriteTest, LargeImageMovesSuperfineToFineFirstAndARefusalKeepsThe
     Settings().SetPropCase(57, 0);  // superfine
     Load();
     // Refused at the first write: nothing rolled back, nothing announced.
-    camera->SetVendorHandler(Set, [](const PtpCommand&) { return qksim::RefusalReply(0x2005); });
+    AnswerVendor(Set, qksim::RefusalReply(0x2005));
     LogMark mark;
     EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_QKM_SetPropCase failed: 2 57 1"), 1);

@@ -16,12 +16,8 @@ using qksim::PtpReply;
 class VendorChannelTest : public PropertyTest {
 protected:
     void SetUp() override { Open("SX160"); }
-    void Answer(uint32_t sub, PtpReply reply)
-    {
-        camera->SetVendorHandler(sub, [reply](const PtpCommand&) { return reply; });
-    }
-    void Refuse(uint32_t sub) { Answer(sub, qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported)); }
-    void Reply(uint32_t sub, std::vector<uint8_t> data) { Answer(sub, qksim::DataReply(std::move(data))); }
+    void Refuse(uint32_t sub) { AnswerVendor(sub, qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported)); }
+    void Reply(uint32_t sub, std::vector<uint8_t> data) { AnswerVendor(sub, qksim::DataReply(std::move(data))); }
 };
 
 TEST_F(VendorChannelTest, WordsAreSignedAndBoundedByTheReply)
@@ -53,7 +49,7 @@ TEST_F(VendorChannelTest, OpenSessionStartsTheIdsAgain)
     EXPECT_EQ(sent[3].transId, 1u);
 
     // Session already open.
-    camera->SetOperationHandler(0x1002, [](const PtpCommand&) { return qksim::RefusalReply(0x201E); });
+    Answer(0x1002, qksim::RefusalReply(0x201E));
     LogMark mark;
     EXPECT_EQ(device->PTPOpenSession(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_OC_OpenSession failed"), 1);
