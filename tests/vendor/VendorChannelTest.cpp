@@ -41,12 +41,9 @@ TEST_F(VendorChannelTest, OpenSessionStartsTheIdsAgain)
     ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
     ASSERT_EQ(device->PTPOpenSession(), QK_OK);
     ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
-    std::vector<qksim::PtpCommand> sent = camera->ReceivedCommands();
-    ASSERT_EQ(sent.size(), 4u);
-    EXPECT_EQ(sent[2].code, 0x1002);
-    EXPECT_EQ(sent[2].params, std::vector<uint32_t>{1});
-    EXPECT_EQ(sent[2].transId, 0u);
-    EXPECT_EQ(sent[3].transId, 1u);
+    EXPECT_EQ(Records(camera->ReceivedCommands()),
+              (std::vector<std::vector<uint32_t>>{{16, 1, 0x9999, 0, 0xA1}, {16, 1, 0x9999, 1, 0xA1},
+                                                  {16, 1, 0x1002, 0, 1}, {16, 1, 0x9999, 1, 0xA1}}));
 
     // Session already open.
     Answer(0x1002, qksim::RefusalReply(0x201E));
