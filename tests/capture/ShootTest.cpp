@@ -43,9 +43,6 @@ TEST_F(Shoot, ShotIsFoundDownloadedAndRemoved)
     EXPECT_EQ(device->completed.size(), 1u);
     EXPECT_EQ(std::wstring(shots[0].name), L"IMG_0006.JPG");
     EXPECT_EQ(shots[0].id, static_cast<int>(Card().Find("IMG_0006.JPG")));
-    EXPECT_NE(shots[0].id, shot.id);
-    // The pictures differ: each shows its own number.
-    EXPECT_NE(Card().Content(shots[0].id), Card().Content(handle));
 
     ASSERT_EQ(device->PTPRemoveFile(shot.id), QK_OK);
     EXPECT_FALSE(Card().Has(handle));

@@ -82,17 +82,6 @@ protected:
     qksim::CameraCard& Card() { return camera->Card(); }
     qksim::CameraShutter& Shutter() { return camera->Shutter(); }
 
-    // The camera gives this reply to the operation, or to the vendor
-    // operation's sub-command, until the answer is reset.
-    void Answer(uint16_t code, qksim::PtpReply reply)
-    {
-        camera->SetOperationHandler(code, [reply](const qksim::PtpCommand&) { return reply; });
-    }
-    void AnswerVendor(uint32_t subCommand, qksim::PtpReply reply)
-    {
-        camera->SetVendorHandler(subCommand, [reply](const qksim::PtpCommand&) { return reply; });
-    }
-
     // Commands received since the last ClearRecords.
     int Sent(uint16_t code, int subCommand = -1) const { return CountSent(*camera, code, subCommand); }
 

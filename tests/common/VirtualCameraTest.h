@@ -12,6 +12,7 @@
 
 #include "DevicePTP/DevicePTP.h"
 #include "DevicePTP/PtpCodes.h"
+#include "sim/PtpReplies.h"
 #include "sim/VirtualBus.h"
 #include "usb/UsbLib_libusb.h"
 
@@ -73,6 +74,16 @@ protected:
         camera = AddCamera(model, serial);
         ASSERT_TRUE(camera);
         device = OpenDevice<Device>(*camera);
+    }
+    // The camera gives this reply to the operation, or to the vendor
+    // operation's sub-command, until the answer is reset.
+    void Answer(uint16_t code, qksim::PtpReply reply)
+    {
+        camera->SetOperationHandler(code, [reply](const qksim::PtpCommand&) { return reply; });
+    }
+    void AnswerVendor(uint32_t subCommand, qksim::PtpReply reply)
+    {
+        camera->SetVendorHandler(subCommand, [reply](const qksim::PtpCommand&) { return reply; });
     }
 
     std::shared_ptr<qksim::VirtualCamera> camera;

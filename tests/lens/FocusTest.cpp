@@ -73,8 +73,7 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        qksim::PtpReply reply = c.reply;
-        camera->SetVendorHandler(PTP_QKM_MoveFocusTo, [reply](const PtpCommand&) { return reply; });
+        AnswerVendor(PTP_QKM_MoveFocusTo, c.reply);
         LogMark mark;
         int reached = -99;
         EXPECT_EQ(device->PTPManualFocusSet(Row(0)[9], &reached), QK_ERROR);
@@ -86,7 +85,7 @@ TEST_F(LensTest, ShortOrRefusedFocusReplyChangesNothing)
     EXPECT_TRUE(device->FocusHooks().empty());
 
     // Words beyond the two are the camera's business.
-    camera->SetVendorHandler(PTP_QKM_MoveFocusTo, [](const PtpCommand&) { return WordsReply({7, 555, 9}); });
+    AnswerVendor(PTP_QKM_MoveFocusTo, WordsReply({7, 555, 9}));
     int reached = -99;
     EXPECT_EQ(device->PTPManualFocusSet(555, &reached), QK_OK);
     EXPECT_EQ(reached, 555);
@@ -107,7 +106,7 @@ TEST_F(LensTest, FocusParamsAndUpdateFocusPos)
     EXPECT_EQ(device->FocusHooks(), std::vector<int>{777});
 
     for (const qksim::PtpReply& bad : {Refused(), WordsReply({3})}) {
-        camera->SetVendorHandler(PTP_QKM_GetFocusParams, [bad](const PtpCommand&) { return bad; });
+        AnswerVendor(PTP_QKM_GetFocusParams, bad);
         Lens().SetFocusPosition(900);
         LogMark failed;
         first = position = -5;
@@ -246,22 +245,19 @@ TEST_F(LensTest, ShiftWithoutATableCommandsZeroOnEachAttempt)
 // Looking up a focus position a number of table places away: pure table
 // work, so the records are set up by hand and no camera is needed.
 
-std::shared_ptr<LensCamera> WithTable(std::vector<std::vector<int32_t>> table)
+std::shared_ptr<RecordingCamera> WithTable(std::vector<std::vector<int32_t>> table)
 {
-    auto device = std::make_shared<LensCamera>(nullptr, L"none");
+    auto device = std::make_shared<RecordingCamera>(nullptr, L"none");
     device->Record().focusTable = std::move(table);
     return device;
 }
 
 TEST(FocusTableShift, PlacesAwayInTheRowOfTheZoom)
 {
-    std::shared_ptr<LensCamera> model = WithTable({});
-    for (const CameraConfig& record : cameraDB)
-        if (record.name == L"SX150")
-            model->Record() = record;
-    ASSERT_EQ(model->Record().focusTable.size(), 126u);
+    std::shared_ptr<RecordingCamera> model = WithTable({});
+    ASSERT_TRUE(findCameraConfig(&model->Record(), L"SX150"));
     enum { Four, Rows, Wide, Edges, Model };
-    const std::shared_ptr<LensCamera> devices[] = {
+    const std::shared_ptr<RecordingCamera> devices[] = {
         WithTable({{100, 200, 400, 800}}),
         WithTable({{100, 200, 400, 800}, {10, 20}, {1000, 3000}}),
         WithTable({{INT_MIN + 1, 0, INT_MAX}}),
@@ -295,7 +291,7 @@ TEST(FocusTableShift, PlacesAwayInTheRowOfTheZoom)
             << "table " << c.table << " zoom " << c.zoom << " focus " << c.focus << " shift " << c.shift;
 
     // Without a table every answer is 0.
-    std::shared_ptr<LensCamera> none = WithTable({});
+    std::shared_ptr<RecordingCamera> none = WithTable({});
     for (int zoom : {0, 5, -1})
         for (int focus : {0, -1, 123})
             for (int shift : {-3, 0, 1})

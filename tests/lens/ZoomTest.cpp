@@ -164,8 +164,7 @@ TEST_F(LensTest, FailedZoomChainLeavesManualFocusOnAndTheNextZoomWorks)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         Open("SX160");
-        const PtpReply reply = c.reply;
-        camera->SetVendorHandler(c.sub, [reply](const PtpCommand&) { return reply; });
+        AnswerVendor(c.sub, c.reply);
         device->SetChainTimeLimit(300ms);
         LogMark mark;
         const Clock::time_point start = Clock::now();
@@ -209,7 +208,7 @@ TEST_F(LensTest, UpdateZoomTakesOverTheCameraAndAnnouncesOnce)
 
     Settings().SetZoomPosition(40); // turned on the camera
     // A failed read changes nothing.
-    camera->SetVendorHandler(PTP_QKM_GetZoom, [](const PtpCommand&) { return WordsReply({}); });
+    AnswerVendor(PTP_QKM_GetZoom, WordsReply({}));
     LogMark failed;
     EXPECT_EQ(device->UpdateZoom(), QK_ERROR);
     EXPECT_EQ(failed.Count("PTP_QKM_GetZoom failed", "ERR"), 1);

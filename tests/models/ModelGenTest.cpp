@@ -39,25 +39,20 @@ TEST(ModelParse, ReadsARecord)
     EXPECT_EQ(m.constraints, (std::vector<PropConstraint>{Constraint_JpegQuality, Constraint_CustomColor}));
     ASSERT_EQ(m.properties.size(), 3u);
 
-    const ProperyConfig& red = m.properties[0].config;
-    EXPECT_EQ(m.properties[0].property, QKProp::RedEyeMode);
-    EXPECT_EQ(red.cameraId, 220);
-    EXPECT_EQ(red.writeKind, WriteKind_SubPropery2);
-    EXPECT_EQ(red.subId1, 217);
-    EXPECT_EQ(red.subId2, 5);
-    EXPECT_EQ(ValuePairs(red), "0=1 1=0");
-
-    const ProperyConfig& size = m.properties[1].config;
-    EXPECT_EQ(size.writeKind, WriteKind_Plain);
-    EXPECT_EQ(size.subId1, -1);
-    ASSERT_EQ(ValuePairs(size), "0=0 4=4");
-    EXPECT_TRUE(size.values[1].hasExtendedInfo);
-    EXPECT_EQ(size.values[1].extendedInfo.width, 640);
-    EXPECT_EQ(size.values[1].extendedInfo.height, 480);
-
-    EXPECT_EQ(m.properties[2].config.writeKind, WriteKind_FlashPower);
-    EXPECT_EQ(m.properties[2].config.subId2, 141);
-    EXPECT_EQ(ValuePairs(m.properties[2].config), "0=0 1=1 2=2 3=3");
+    // Property, case, write kind and sub ids, then the values.
+    const auto shown = [&](size_t i) {
+        const ProperyConfig& p = m.properties[i].config;
+        return std::to_string(static_cast<int>(m.properties[i].property)) + " " + std::to_string(p.cameraId) + " " +
+               std::to_string(p.writeKind) + " " + std::to_string(p.subId1) + " " + std::to_string(p.subId2) + ": " +
+               ValuePairs(p);
+    };
+    EXPECT_EQ(shown(0), "6 220 " + std::to_string(WriteKind_SubPropery2) + " 217 5: 0=1 1=0");
+    EXPECT_EQ(shown(1), "1 222 " + std::to_string(WriteKind_Plain) + " -1 -1: 0=0 4=4");
+    EXPECT_EQ(shown(2), "23 -1 " + std::to_string(WriteKind_FlashPower) + " 121 141: 0=0 1=1 2=2 3=3");
+    const ProperyValConfig& small = m.properties[1].config.values.at(1);
+    EXPECT_TRUE(small.hasExtendedInfo);
+    EXPECT_EQ(small.extendedInfo.width, 640);
+    EXPECT_EQ(small.extendedInfo.height, 480);
     EXPECT_FALSE(m.hasFocus);
 }
 

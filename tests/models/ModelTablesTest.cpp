@@ -182,19 +182,6 @@ TEST(FindCameraConfig, EveryModelIsRecognisedAsItself)
     }
 }
 
-TEST(FindCameraConfig, CopiesAreIndependent)
-{
-    CameraConfig a, b;
-    ASSERT_TRUE(findCameraConfig(&a, L"SX170"));
-    ASSERT_TRUE(findCameraConfig(&b, L"SX170"));
-    a.properties.erase(QKProp::ManualFocusMode);
-    a.focusTable[0][0] = -1;
-    EXPECT_EQ(b.properties.count(QKProp::ManualFocusMode), 1u);
-    EXPECT_EQ(cameraDB[13].properties.count(QKProp::ManualFocusMode), 1u);
-    EXPECT_EQ(b.focusTable[0][0], cameraDB[13].focusTable[0][0]);
-    EXPECT_GT(cameraDB[13].focusTable[0][0], 0);
-}
-
 // The focus tables are rebuilt from a few known figures of the cameras'
 // tables; these are the figures, and the shape that the focus code relies on.
 // Which models have one, and how many rows, is in the table of records above.

@@ -4,6 +4,8 @@
 // out in the middle of an operation.
 
 #include <dirent.h>
+
+#include <sstream>
 #include <thread>
 
 #include "DevicePTP/DevicePTP.h"
@@ -54,21 +56,15 @@ Clock::duration TimeToDestroy(std::shared_ptr<UsbLib>& usb)
     return Clock::now() - start;
 }
 
-// The lines of `log` that hold one of the texts, each replaced by the text.
+// The lines of `log` that hold one of the texts, each replaced by its type and the text.
 std::vector<std::string> LinesOf(const std::string& log, const std::vector<std::string>& texts)
 {
     std::vector<std::string> found;
-    size_t from = 0;
-    while (from < log.size()) {
-        size_t end = log.find('\n', from);
-        if (end == std::string::npos)
-            end = log.size();
-        const std::string line = log.substr(from, end - from);
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);)
         for (const std::string& text : texts)
             if (line.find(text) != std::string::npos)
                 found.push_back(line.substr(0, 3) + " " + text);
-        from = end + 1;
-    }
     return found;
 }
 

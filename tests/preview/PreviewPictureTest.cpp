@@ -29,27 +29,33 @@ TEST(PreviewPictureTest, SettingsRecordsFromTheirTextForm)
 
 TEST(PreviewPictureTest, BarsAndAMovingMarkerDecodeAsIntended)
 {
-    PreviewDecoder decoder;
-    ASSERT_TRUE(decoder.Prepare(720, 240));
-    const PreviewLayout& layout = decoder.Current();
-    std::vector<uint8_t> first(layout.imageBytes), later(layout.imageBytes);
-    decoder.Convert(CameraPreview::Render(720, 240, 0).data(), first.data());
-    decoder.Convert(CameraPreview::Render(720, 240, 30).data(), later.data());
-    // Row 0 is the top of the picture, as a person sees it; pixels are BGR.
-    const auto near = [&](const std::vector<uint8_t>& picture, unsigned int x, unsigned int y, const Rgb& want) {
-        const uint8_t* p = &picture[(layout.height - 1 - y) * layout.rowBytes + 3 * x];
-        return std::abs(p[2] - want.red) <= 2 && std::abs(p[1] - want.green) <= 2 && std::abs(p[0] - want.blue) <= 2;
-    };
-    const unsigned int barRows = CameraPreview::BarRows(240);
-    for (unsigned int bar = 0; bar < 8; ++bar)
-        EXPECT_TRUE(near(later, layout.outWidth * (2 * bar + 1) / 16, barRows / 2, CameraPreview::BarColours()[bar]))
-            << "bar " << bar;
-    EXPECT_TRUE(near(first, 0, 239, Rgb{0, 0, 0}));
-    const unsigned int middle = barRows + (240 - barRows) / 2;
-    const unsigned int moved = CameraPreview::MarkerColumn(720, 240, 30) * layout.outWidth / 720 + 3;
-    EXPECT_TRUE(near(first, 3, middle, CameraPreview::MarkerColour()));
-    EXPECT_TRUE(near(later, moved, middle, CameraPreview::MarkerColour()));
-    EXPECT_FALSE(near(first, moved, middle, CameraPreview::MarkerColour()));
+    for (const auto& size : {std::make_pair(720u, 240u), {360u, 240u}, {320u, 240u}, {704u, 480u}}) {
+        const unsigned int width = size.first, height = size.second;
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+        PreviewDecoder decoder;
+        ASSERT_TRUE(decoder.Prepare(width, height));
+        const PreviewLayout& layout = decoder.Current();
+        std::vector<uint8_t> first(layout.imageBytes), later(layout.imageBytes);
+        decoder.Convert(CameraPreview::Render(width, height, 0).data(), first.data());
+        decoder.Convert(CameraPreview::Render(width, height, 30).data(), later.data());
+        // Row 0 is the top of the picture, as a person sees it; pixels are BGR.
+        const auto near = [&](const std::vector<uint8_t>& picture, unsigned int x, unsigned int y, const Rgb& want) {
+            const uint8_t* p = &picture[(layout.height - 1 - y) * layout.rowBytes + 3 * x];
+            return std::abs(p[2] - want.red) <= 3 && std::abs(p[1] - want.green) <= 3 && std::abs(p[0] - want.blue) <= 3;
+        };
+        const unsigned int barRows = CameraPreview::BarRows(height);
+        for (unsigned int bar = 0; bar < 8; ++bar)
+            EXPECT_TRUE(near(later, layout.outWidth * (2 * bar + 1) / 16, barRows / 2, CameraPreview::BarColours()[bar]))
+                << "bar " << bar;
+        // Below the bars a ramp from black to white, and on it the marker.
+        EXPECT_TRUE(near(first, 0, height - 1, Rgb{0, 0, 0}));
+        EXPECT_TRUE(near(first, layout.outWidth - 1, height - 1, Rgb{255, 255, 255}));
+        const unsigned int middle = barRows + (height - barRows) / 2;
+        const unsigned int moved = CameraPreview::MarkerColumn(width, height, 30) * layout.outWidth / width + 3;
+        EXPECT_TRUE(near(first, 3, middle, CameraPreview::MarkerColour()));
+        EXPECT_TRUE(near(later, moved, middle, CameraPreview::MarkerColour()));
+        EXPECT_FALSE(near(first, moved, middle, CameraPreview::MarkerColour()));
+    }
 
     // Frames of an asked length are cut or padded; a broken record gives zeros.
     CameraPreview preview;

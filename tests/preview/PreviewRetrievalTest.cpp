@@ -160,9 +160,7 @@ TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoadAndUnreadableSet
     EXPECT_EQ(picture.data, nullptr);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
 
-    camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, [](const PtpCommand&) {
-        return qksim::DataReply(std::vector<uint8_t>(84, 1)); // a word short
-    });
+    AnswerVendor(PTP_BASEMOD_VideoConfig, qksim::DataReply(std::vector<uint8_t>(84, 1))); // a word short
     EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_BASEMOD_VideoConfig failed", "ERR"), 1) << mark.Since();
     EXPECT_EQ(mark.Count("GetVideoSettings failed", "ERR"), 1);
@@ -170,7 +168,7 @@ TEST_F(PreviewRetrievalTest, NothingToLendBeforeTheFirstGoodLoadAndUnreadableSet
     EXPECT_EQ(Sent(PTP_BASEMOD_ReadMem), 0);
 
     camera->SetVendorHandler(PTP_BASEMOD_VideoConfig, nullptr);
-    camera->SetVendorHandler(PTP_BASEMOD_ReadMem, [](const PtpCommand&) { return qksim::RefusalReply(0x2005); });
+    AnswerVendor(PTP_BASEMOD_ReadMem, qksim::RefusalReply(0x2005));
     EXPECT_EQ(device->PTPLoadPreviewFrame(), QK_ERROR);
     EXPECT_EQ(Sent(PTP_BASEMOD_VideoConfig), 2);
     EXPECT_EQ(device->GetPreviewFrame(&picture.data, &picture.size), QK_NOT_READY);

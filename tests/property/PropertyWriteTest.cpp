@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/property/PropertyFixture.h"
+#include "tests/common/ModelCameraTest.h"
 
 namespace {
 
@@ -28,9 +28,7 @@ TEST_F(PropertyWriteTest, WritesCarryTheRawValueByKind)
     for (int power : {3, 0, 1})
         ASSERT_EQ(device->SetPropertyData(P(QKProp::FlashPower), power), QK_OK);
     ASSERT_EQ(device->SetPropertyData(P(QKProp::ManualFocusMode), 0), QK_OK);
-    EXPECT_TRUE(Settings().ManualFocusOn());
     ASSERT_EQ(device->SetPropertyData(P(QKProp::ManualFocusMode), 1), QK_OK);
-    EXPECT_FALSE(Settings().ManualFocusOn());
     EXPECT_EQ(Writes(), (std::vector<VendorCall>{{Set, {157, 2}},  {Set, {107, 96}}, {Set, {211, 96}},
                                                  {Set, {220, 1}},  {Set, {217, 1}},  {Set, {121, 1}},
                                                  {Set, {141, 2}},  {Set, {121, 0}},  {Set, {121, 1}},
@@ -91,7 +89,7 @@ TEST_F(PropertyWriteTest, LargeImageMovesSuperfineToFineFirstAndARefusalKeepsThe
     Settings().SetPropCase(57, 0);  // superfine
     Load();
     // Refused at the first write: nothing rolled back, nothing announced.
-    camera->SetVendorHandler(Set, [](const PtpCommand&) { return qksim::RefusalReply(0x2005); });
+    AnswerVendor(Set, qksim::RefusalReply(0x2005));
     LogMark mark;
     EXPECT_EQ(device->SetPropertyData(P(QKProp::ImageSize), 0), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_QKM_SetPropCase failed: 2 57 1"), 1);
@@ -140,16 +138,16 @@ TEST_F(PropertyWriteTest, GuardHooksStopWritesAndQueries)
 {
     struct Guarded : RecordingCamera {
         using RecordingCamera::RecordingCamera;
-        QKResult GuardCameraState() override { return state != QK_OK ? state : RecordingCamera::GuardCameraState(); }
         QKResult GuardAll() override { return all != QK_OK ? all : RecordingCamera::GuardAll(); }
-        QKResult state = QK_NOT_READY, all = QK_OK;
+        QKResult all = QK_OK;
     };
     Open("SX160");
     auto guarded = Reopen<Guarded>();
     Load();
+    guarded->guardResult = QK_NOT_READY;
     EXPECT_EQ(guarded->SetPropertyData(P(QKProp::MeteringMode), 1), QK_NOT_READY);
     EXPECT_TRUE(camera->ReceivedCommands().empty());
-    guarded->state = QK_OK;
+    guarded->guardResult = QK_OK;
     guarded->all = QK_NOT_READY;
     int value = -7;
     EXPECT_EQ(guarded->GetPropertyData(P(QKProp::MeteringMode), &value), QK_NOT_READY);

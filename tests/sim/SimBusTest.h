@@ -14,9 +14,8 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr unsigned kTimeoutMs = 2000;
 
-// Little-endian fields, bounds-checked so that a short reply fails the test
+// A little-endian field, bounds-checked so that a short reply fails the test
 // instead of reading past it.
-inline uint32_t Get32(const Bytes& in, size_t at) { return qksim::GetLe32(&in.at(at + 3) - 3); }
 inline uint16_t Get16(const Bytes& in, size_t at) { return qksim::GetLe16(&in.at(at + 1) - 1); }
 
 inline Bytes Command(uint16_t code, uint32_t transId, const std::vector<uint32_t>& params)

@@ -62,10 +62,6 @@ TEST_F(BusEnumeration, AddressesAreGivenOutUsedAgainAndHonoured)
     auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
     ASSERT_TRUE(camera);
     EXPECT_EQ(camera->Path(), L"1193:12353:3:17");
-    libusb_device* device = Find(*camera);
-    ASSERT_NE(device, nullptr);
-    EXPECT_EQ(libusb_get_device_speed(device), LIBUSB_SPEED_HIGH);
-    libusb_unref_device(device);
     // An address in use is refused.
     EXPECT_FALSE(qksim::VirtualBus::Instance().AddCamera(setup));
 }
@@ -75,7 +71,6 @@ class BusControl : public SimBusTest {};
 TEST_F(BusControl, DescriptorsConfigurationStringsAndStalls)
 {
     auto plain = AddCamera("SX160", "QKS0001");
-    auto named = AddCamera("A1400", "QKS0002", "Virtual A1400 IS");
     libusb_device_handle* handle = Open(*plain, false);
     ASSERT_NE(handle, nullptr);
     libusb_device_descriptor listed{};
@@ -105,10 +100,6 @@ TEST_F(BusControl, DescriptorsConfigurationStringsAndStalls)
     EXPECT_EQ(libusb_control_transfer(handle, 0xC0, 0x42, 0, 0, data, 4, kTimeoutMs), LIBUSB_ERROR_PIPE);
     EXPECT_EQ(libusb_get_string_descriptor(handle, 9, 0x0409, data, 4), LIBUSB_ERROR_PIPE);
     EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 0);
-
-    handle = Open(*named, false);
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(StringOf(handle, listed.iProduct), "Virtual A1400 IS");
 }
 
 class BusHotplug : public SimBusTest {

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "DevicePTP/PtpCodes.h"
+#include "sim/PtpReplies.h"
 #include "usb/UsbLib_libusb.h"
 #include "tests/common/ChildProcess.h"
 #include "tests/common/TestLog.h"
@@ -19,21 +20,7 @@ namespace {
 
 using qktest::RunChild;
 
-class ToolTest : public qktest::VirtualCameraTest {
-protected:
-    std::shared_ptr<qksim::VirtualCamera> At(int address, const std::string& model, const std::string& serial,
-                                             const std::string& product = "")
-    {
-        qksim::CameraSetup setup;
-        setup.model = model;
-        setup.serial = serial;
-        setup.product = product;
-        setup.address = address;
-        auto camera = qksim::VirtualBus::Instance().AddCamera(setup);
-        EXPECT_TRUE(camera);
-        return camera;
-    }
-};
+using ToolTest = qktest::VirtualCameraTest;
 
 TEST_F(ToolTest, NoCameraGivesMessageAndStatus255)
 {
@@ -48,15 +35,13 @@ TEST_F(ToolTest, NoCameraGivesMessageAndStatus255)
 // still get their line.
 TEST_F(ToolTest, OneLinePerCameraInPathOrder)
 {
-    auto a = At(9, "SX160", "QKS0001");
-    auto b = At(10, "A1400", "QKS0002");
-    At(4, "SX160", "QKS0003", "Virtual Camera Z99");
-    At(5, "G15", "QKS0004")->SetVendorHandler(PTP_QKM_GetSerialNumber, [](const qksim::PtpCommand&) {
-        qksim::PtpReply refused;
-        refused.responseCode = 0x2005;
-        return refused;
+    auto a = AddCamera("SX160", "QKS0001", "", 9);
+    auto b = AddCamera("A1400", "QKS0002", "", 10);
+    AddCamera("SX160", "QKS0003", "Virtual Camera Z99", 4);
+    AddCamera("G15", "QKS0004", "", 5)->SetVendorHandler(PTP_QKM_GetSerialNumber, [](const qksim::PtpCommand&) {
+        return qksim::RefusalReply(0x2005);
     });
-    auto busy = At(6, "SX170", "QKS0005");
+    auto busy = AddCamera("SX170", "QKS0005", "", 6);
     busy->FailClaim(true);
 
     qktest::ChildRun run = RunChild({QK_TOOL_PATH});

@@ -157,10 +157,13 @@ TEST_F(UsbTransportTest, ReadsSplitAndJoinPacketsIntoTransfers)
 }
 
 // A small read clears the halt after each stall and tries five times in all;
-// a large read that gets no data at all gives up at once.
-TEST_F(UsbTransportTest, StalledReadsRetryOrFailWithTheirLogLine)
+// a large read that gets no data at all gives up at once; a camera that is
+// silent or gone fails the read.
+TEST_F(UsbTransportTest, StalledSilentOrGoneReadsRetryOrFailWithTheirLogLine)
 {
+    enum Camera { Answers, Silent, Gone };
     const struct {
+        Camera state;
         int stalls;
         size_t size;
         bool ok;
@@ -168,18 +171,23 @@ TEST_F(UsbTransportTest, StalledReadsRetryOrFailWithTheirLogLine)
         int clearHalts;
         const char* log;
     } cases[] = {
-        {5, 12, false, 5, 5, "Usb read to buffer failed: -9"},
-        {4, 20, true, 5, 4, nullptr},
-        {1, 4096, false, 1, 0, "libusb_bulk_transfer: size == 0"},
+        {Answers, 5, 12, false, 5, 5, "Usb read to buffer failed: -9"},
+        {Answers, 4, 20, true, 5, 4, nullptr},
+        {Answers, 1, 4096, false, 1, 0, "libusb_bulk_transfer: size == 0"},
+        {Silent, 0, 12, false, 1, 0, "Usb read to buffer failed: -7"},
+        {Gone, 0, 12, false, 0, 0, "Usb read to buffer failed: -4"},
     };
     auto cameras = Cameras(std::size(cases));
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.stalls);
+        SCOPED_TRACE(&c - cases);
         auto camera = cameras[static_cast<size_t>(&c - cases)];
         void* handle = Open(camera);
         camera->StallNext(0x81, c.stalls);
         const Bytes packet = Pattern(20, 5);
-        camera->QueueRawPackets({packet});
+        if (c.state == Answers)
+            camera->QueueRawPackets({packet});
+        if (c.state == Gone)
+            camera->Unplug();
         LogMark mark;
         Bytes got;
         EXPECT_EQ(Read(handle, got, c.size), c.ok);
@@ -214,6 +222,9 @@ TEST_F(UsbTransportTest, WritesAreOneTransferEachAndRetryAfterStallsUpToFiveAtte
     EXPECT_FALSE(usb->Write(&buffer, handle));
     EXPECT_EQ(camera->Traffic().clearHalts, 5);
     EXPECT_EQ(mark.Count("Read failed: -9"), 1);
+    // Nor does a write reach a camera that is gone.
+    camera->Unplug();
+    EXPECT_FALSE(usb->Write(&buffer, handle));
 }
 
 TEST_F(UsbTransportTest, TwoCamerasOnOneTransportKeepTheirOwnResidue)
@@ -233,24 +244,6 @@ TEST_F(UsbTransportTest, TwoCamerasOnOneTransportKeepTheirOwnResidue)
     EXPECT_EQ(got, Slice(pa, 12, 500));
     ASSERT_TRUE(Read(hb, got, 500));
     EXPECT_EQ(got, Slice(pb, 12, 500));
-}
-
-TEST_F(UsbTransportTest, ReadFailsWithItsLogLineWhenTheCameraIsGoneOrSilent)
-{
-    auto camera = AddCamera("SX160", "S1");
-    void* handle = Open(camera);
-    LogMark silent;
-    Bytes got;
-    EXPECT_FALSE(Read(handle, got, 12));
-    EXPECT_EQ(silent.Count("Usb read to buffer failed: -7"), 1);
-
-    camera->Unplug();
-    LogMark gone;
-    EXPECT_FALSE(Read(handle, got, 12));
-    EXPECT_EQ(gone.Count("Usb read to buffer failed: -4"), 1);
-    uint8_t byte = 0;
-    DataLen one(&byte, 1);
-    EXPECT_FALSE(usb->Write(&one, handle));
 }
 
 TEST(StringConversion, CarriesEachCharacterByValue)

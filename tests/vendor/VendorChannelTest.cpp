@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "sim/PtpReplies.h"
-#include "tests/property/PropertyFixture.h"
+#include "tests/common/ModelCameraTest.h"
 
 namespace {
 
@@ -16,12 +16,8 @@ using qksim::PtpReply;
 class VendorChannelTest : public PropertyTest {
 protected:
     void SetUp() override { Open("SX160"); }
-    void Answer(uint32_t sub, PtpReply reply)
-    {
-        camera->SetVendorHandler(sub, [reply](const PtpCommand&) { return reply; });
-    }
-    void Refuse(uint32_t sub) { Answer(sub, qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported)); }
-    void Reply(uint32_t sub, std::vector<uint8_t> data) { Answer(sub, qksim::DataReply(std::move(data))); }
+    void Refuse(uint32_t sub) { AnswerVendor(sub, qksim::RefusalReply(qksim::ptp::RC_OperationNotSupported)); }
+    void Reply(uint32_t sub, std::vector<uint8_t> data) { AnswerVendor(sub, qksim::DataReply(std::move(data))); }
 };
 
 TEST_F(VendorChannelTest, WordsAreSignedAndBoundedByTheReply)
@@ -45,15 +41,12 @@ TEST_F(VendorChannelTest, OpenSessionStartsTheIdsAgain)
     ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
     ASSERT_EQ(device->PTPOpenSession(), QK_OK);
     ASSERT_EQ(device->QKMLoadSerialNumber(), QK_OK);
-    std::vector<qksim::PtpCommand> sent = camera->ReceivedCommands();
-    ASSERT_EQ(sent.size(), 4u);
-    EXPECT_EQ(sent[2].code, 0x1002);
-    EXPECT_EQ(sent[2].params, std::vector<uint32_t>{1});
-    EXPECT_EQ(sent[2].transId, 0u);
-    EXPECT_EQ(sent[3].transId, 1u);
+    EXPECT_EQ(Records(camera->ReceivedCommands()),
+              (std::vector<std::vector<uint32_t>>{{16, 1, 0x9999, 0, 0xA1}, {16, 1, 0x9999, 1, 0xA1},
+                                                  {16, 1, 0x1002, 0, 1}, {16, 1, 0x9999, 1, 0xA1}}));
 
     // Session already open.
-    camera->SetOperationHandler(0x1002, [](const PtpCommand&) { return qksim::RefusalReply(0x201E); });
+    Answer(0x1002, qksim::RefusalReply(0x201E));
     LogMark mark;
     EXPECT_EQ(device->PTPOpenSession(), QK_ERROR);
     EXPECT_EQ(mark.Count("PTP_OC_OpenSession failed"), 1);

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-// A loaded camera of a chosen model, with its hooks recorded in order.
+// A loaded camera of a chosen model, with its hooks recorded in order:
+// property changes as text, zoom and focus changes as the positions the
+// hooks read back.
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -20,31 +24,65 @@ class RecordingCamera : public DevicePTP {
 public:
     RecordingCamera(std::shared_ptr<UsbLib> usb, std::wstring path) : DevicePTP(std::move(usb), std::move(path)) {}
 
-    void OnPropertyChanged(int property) override { Note("changed " + std::to_string(property)); }
-    void OnPropertyListChanged() override { Note("list"); }
-    std::vector<std::string> Hooks()
+    void OnPropertyChanged(int property) override { Note(&hooks, "changed " + std::to_string(property)); }
+    void OnPropertyListChanged() override { Note<std::string>(&hooks, "list"); }
+    void OnZoomChanged() override
     {
-        std::lock_guard<std::mutex> lock(hooksMutex);
-        return hooks;
+        int zoom = -1;
+        GetZoom(&zoom);
+        Note(&zoomHooks, zoom);
+        if (onZoomHook)
+            onZoomHook();
     }
+    void OnFocusChanged() override
+    {
+        int focus = -1;
+        GetFocus(&focus);
+        Note(&focusHooks, focus);
+    }
+    QKResult GuardCameraState() override
+    {
+        ++guardCalls;
+        return guardResult != QK_OK ? guardResult.load() : DevicePTP::GuardCameraState();
+    }
+
+    std::vector<std::string> Hooks() { return Read(hooks); }
+    std::vector<int> ZoomHooks() { return Read(zoomHooks); }
+    std::vector<int> FocusHooks() { return Read(focusHooks); }
     void ClearHooks()
     {
         std::lock_guard<std::mutex> lock(hooksMutex);
         hooks.clear();
+        zoomHooks.clear();
+        focusHooks.clear();
     }
     std::wstring ModuleVersion() const { return moduleVersion; }
-    const CameraConfig& Record() const { return cameraConfig; }
+    CameraConfig& Record() { return cameraConfig; }
     bool FlagBit0() const { return camFlagBit0; }
     bool FlagBit2() const { return camFlagBit2; }
+    bool ZoomFinishedFlag() { return cameraEvents[ZOOM_FINISHED]; }
+
+    std::atomic<int> guardCalls{0};
+    std::atomic<QKResult> guardResult{QK_OK};
+    // Runs inside the zoom hook, on the thread that announces.
+    std::function<void()> onZoomHook;
 
 private:
-    void Note(const std::string& what)
+    template <class T>
+    void Note(std::vector<T>* list, T what)
     {
         std::lock_guard<std::mutex> lock(hooksMutex);
-        hooks.push_back(what);
+        list->push_back(std::move(what));
+    }
+    template <class T>
+    std::vector<T> Read(const std::vector<T>& list)
+    {
+        std::lock_guard<std::mutex> lock(hooksMutex);
+        return list;
     }
     std::mutex hooksMutex;
     std::vector<std::string> hooks;
+    std::vector<int> zoomHooks, focusHooks;
 };
 
 class PropertyTest : public OneCameraTest<RecordingCamera> {
