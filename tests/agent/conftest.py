@@ -17,7 +17,7 @@ import pytest
 BIN = {name: os.environ[f"QK_{name.upper()}"] for name in ("virtual", "agent", "qkcam")}
 RIG = "test"
 HOSTS = ("h1", "h2", "h3")
-USERS = {"coordinator": "coordinator-pw", **{host: f"{host}-pw" for host in HOSTS}}
+USERS = {"coordinator": "coordinator-pw", **{host: f"{host}-pw" for host in HOSTS + ("h4",)}}
 
 
 def free_port() -> int:

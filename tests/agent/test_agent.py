@@ -7,7 +7,7 @@ import re
 import signal
 import time
 
-from conftest import HOSTS, RIG, Listener, qkcam, wait_online
+from conftest import HOSTS, RIG, Agent, Listener, qkcam, wait_online
 
 SHOTS = {}
 
@@ -105,6 +105,32 @@ def test_broker_restart_then_shots_reach_the_coordinator(rig, tmp_path):
             assert path == f"{out_dir}/{host}/{serial}/{name}"
             assert os.path.getsize(path) == int(size) > 0 and re.match(r"released -?\d+ us after fire_at", released)
             SHOTS[(host, serial, name)] = (open(path, "rb").read(), keep)
+
+
+def test_cameras_that_come_and_go_are_announced(rig):
+    broker, agents, work = rig
+    listener = Listener(broker, f"qkcam/{RIG}/h4/#")
+    h4 = Agent(broker, "h4", work, cameras=1,
+               launcher_options=["--plug-after", "1500", "A1400:H4NEW", "--unplug-after", "3000", "H4C0"])
+    try:
+        assert listener.wait_for(f"qkcam/{RIG}/h4/status")["state"] == "online"
+        events = []
+        deadline = time.time() + 20
+        while len(events) < 3 and time.time() < deadline:
+            events = [json.loads(p) for t, p in list(listener.messages) if t.endswith("/event")
+                      and json.loads(p)["event"] in ("arrived", "left")]
+            time.sleep(0.1)
+        assert [(e["event"], e["serial"]) for e in events] == [("arrived", "H4C0"), ("arrived", "H4NEW"),
+                                                              ("left", "H4C0")]
+        cameras = [json.loads(p) for t, p in listener.messages if t.endswith("/cameras")][-1]
+        assert [(c["serial"], c["model"], c["ready"]) for c in cameras] == [("H4NEW", "A1400", True)]
+        # The newcomer takes commands.
+        listener.messages.clear()
+        listener.publish(f"qkcam/{RIG}/h4/cmd", json.dumps({"id": "n1", "op": "get", "property": "ISO Speed"}))
+        assert listener.wait_for(f"qkcam/{RIG}/h4/result/n1")["cameras"][0]["serial"] == "H4NEW"
+    finally:
+        h4.stop()
+        listener.close()
 
 
 def test_an_agent_that_dies_is_offline_by_its_last_will(rig):
