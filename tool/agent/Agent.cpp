@@ -71,6 +71,7 @@ int Agent::Run(const std::atomic<bool>& stop)
     });
     client->Subscribe(qkmqtt::Topic(options.rig, "cmd"));
     client->Subscribe(Topic("cmd"));
+    client->Subscribe(qkmqtt::Topic(options.rig, "preview/lease"));
     std::string error;
     if (!client->Start(&error)) {
         QK_LOG_ERR("qkcam-agent: %s", error.c_str());
@@ -80,8 +81,17 @@ int Agent::Run(const std::atomic<bool>& stop)
                options.broker.host.c_str(), options.broker.port);
     while (!stop) {
         std::unique_lock<std::mutex> lock(mutex);
-        wake.wait_for(lock, std::chrono::milliseconds(200),
-                      [this] { return busChanged || !inbox.empty() || !chores.empty(); });
+        const auto now = std::chrono::steady_clock::now();
+        const bool previewing = now < leaseUntil;
+        if (previewing && now >= nextFrames) {
+            lock.unlock();
+            nextFrames = now + std::chrono::milliseconds(1000 / leaseFps);
+            PreviewRound();
+            continue;
+        }
+        const auto until = previewing ? std::min(nextFrames, now + std::chrono::milliseconds(200))
+                                      : now + std::chrono::milliseconds(200);
+        wake.wait_until(lock, until, [this] { return busChanged || !inbox.empty() || !chores.empty(); });
         if (busChanged) {
             busChanged = false;
             lock.unlock();
@@ -137,6 +147,10 @@ void Agent::Answer(const std::string& id, json result)
 
 void Agent::Execute(const std::string& topic, const std::string& payload)
 {
+    if (topic == qkmqtt::Topic(options.rig, "preview/lease")) {
+        TakeLease(payload);
+        return;
+    }
     Request request;
     request.forThisHost = topic == Topic("cmd");
     json result = {{"id", "invalid"}, {"op", nullptr}, {"ok", false}};
@@ -201,9 +215,11 @@ json Agent::Dispatch(const Request& request)
             cameras = Transfer(request);
         else if (request.op == "preview")
             cameras = Preview(request);
+        else if (request.op == "describe")
+            cameras = Describe(request);
         else
             throw CommandError{"unknown operation \"" + request.op +
-                               "\"; operations: list, get, set, zoom, shoot, download, remove, preview"};
+                               "\"; operations: list, get, set, zoom, shoot, download, remove, preview, describe"};
         result["cameras"] = cameras;
         for (const json& camera : cameras)
             if (camera.contains("ok") && !camera["ok"].get<bool>())

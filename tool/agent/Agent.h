@@ -34,6 +34,8 @@ struct AgentOptions {
 constexpr size_t maxCommandBytes = 64 * 1024;
 // Results kept for answering a command seen again (QoS 1 redelivery).
 constexpr size_t rememberedResults = 1000;
+// What a page may ask of the live preview.
+constexpr int maxPreviewFps = 10, maxPreviewWidth = 1280, maxLeaseSeconds = 60;
 
 class Agent : public IUsbLib_Notify {
 public:
@@ -70,6 +72,11 @@ private:
     json Shoot(const Request& request);
     json Transfer(const Request& request);
     json Preview(const Request& request);
+    json Describe(const Request& request);
+    void PublishThumbnail(const Rig::Camera& camera, int id, const std::string& name);
+    // Live preview for pages that hold a lease (renewed while they are open).
+    void TakeLease(const std::string& payload);
+    void PreviewRound();
     void PublishFile(const Rig::Camera& camera, int id, const std::string& name, bool removeAfter);
 
     AgentOptions options;
@@ -87,6 +94,8 @@ private:
     std::map<std::wstring, RigOutcome> failed;
     std::map<std::wstring, json> identities;
     std::unique_ptr<Rig> rig;
+    std::chrono::steady_clock::time_point leaseUntil{}, nextFrames{};
+    int leaseFps = 2, leaseWidth = 320;
     std::map<std::string, std::string> answered;
     std::deque<std::string> answeredOrder;
 };

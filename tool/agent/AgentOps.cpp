@@ -163,6 +163,9 @@ json Agent::Shoot(const Request& request)
                          request.command["publish"].get<bool>();
     const bool keep = Field(request.command, "keep", json::value_t::boolean, "true or false").is_boolean() &&
                       request.command["keep"].get<bool>();
+    const bool thumbnails =
+        Field(request.command, "thumbnails", json::value_t::boolean, "true or false").is_boolean() &&
+        request.command["thumbnails"].get<bool>();
     const system_clock::time_point fireAt{duration_cast<system_clock::duration>(nanoseconds(fireAtNs))};
     const auto now = system_clock::now();
     const long long aheadMs = duration_cast<milliseconds>(fireAt - now).count();
@@ -187,6 +190,8 @@ json Agent::Shoot(const Request& request)
                 const QKResult saved = qkrig::DownloadTo(*chosen[i].device, shot.file.id, folder + "/" + name);
                 part["saved"] = saved == QK_OK ? json(folder + "/" + name) : json();
             }
+            if (thumbnails)
+                PublishThumbnail(chosen[i], shot.file.id, name);
             if (publish)
                 PublishFile(chosen[i], shot.file.id, name, !keep);
             part["published"] = publish;
