@@ -27,8 +27,9 @@ def free_port() -> int:
 
 
 class Broker:
-    def __init__(self, work: str):
+    def __init__(self, work: str, console_dir: str = ""):
         self.work, self.port, self.process = work, free_port(), None
+        self.web_port = free_port()
         passwords = os.path.join(work, "passwords")
         open(passwords, "w").close()
         for user, password in USERS.items():
@@ -36,7 +37,8 @@ class Broker:
         with open(os.path.join(work, "acl"), "w") as acl:
             # Agents write only under their own host name and read the rig's commands.
             acl.write(f"user coordinator\ntopic readwrite qkcam/{RIG}/#\n\n"
-                      f"pattern readwrite qkcam/{RIG}/%u/#\npattern read qkcam/{RIG}/cmd\n")
+                      f"pattern readwrite qkcam/{RIG}/%u/#\npattern read qkcam/{RIG}/cmd\n"
+                      f"pattern read qkcam/{RIG}/preview/lease\n")
         # Started as root, the broker drops to its own user, which must read these.
         os.chmod(work, 0o777)
         for name in ("passwords", "acl"):
@@ -45,6 +47,9 @@ class Broker:
         with open(self.config, "w") as conf:
             conf.write(f"listener {self.port} 127.0.0.1\nallow_anonymous false\npassword_file {passwords}\n"
                        f"acl_file {os.path.join(work, 'acl')}\npersistence true\npersistence_location {work}/\nmax_packet_size 16777216\n")
+            if console_dir:
+                # The console page and its MQTT over websockets, from the broker itself.
+                conf.write(f"listener {self.web_port} 127.0.0.1\nprotocol websockets\nhttp_dir {console_dir}\n")
         self.start()
 
     def start(self):
@@ -131,12 +136,12 @@ def qkcam(broker: Broker, *args, user="coordinator", password=None, work=None):
                           capture_output=True, text=True, timeout=60)
 
 
-def wait_online(broker: Broker, hosts, work, timeout=30.0):
+def wait_online(broker: Broker, hosts, work, timeout=30.0, cameras_per_host=4):
     deadline = time.time() + timeout
     while time.time() < deadline:
         out = qkcam(broker, "status", work=work).stdout
         ready = [line for line in out.splitlines() if "\tonline\t" in line]
-        if len(ready) == len(hosts) and out.count("\tready") == 4 * len(hosts):
+        if len(ready) == len(hosts) and out.count("\tready") == cameras_per_host * len(hosts):
             return out
         time.sleep(0.3)
     raise AssertionError(f"hosts not online: {out}")
