@@ -61,6 +61,26 @@ def test_hostile_commands_get_their_error_and_the_agent_goes_on(rig):
     assert "command z1 seen again, answered as before" in log
 
 
+def test_preview_frames_flow_only_while_a_lease_runs(rig):
+    broker, agents, work = rig
+    listener = Listener(broker, f"qkcam/{RIG}/+/preview/+")
+    try:
+        time.sleep(1)
+        assert listener.messages == []  # an idle rig sends nothing
+        listener.publish(f"qkcam/{RIG}/preview/lease", json.dumps({"fps": 4, "width": 160, "seconds": 2}))
+        time.sleep(1.5)
+        frames = list(listener.messages)
+        cameras = {topic.rsplit("/", 1)[1] for topic, _ in frames}
+        assert cameras == {s for a in agents.values() for s in a.serials}
+        assert all(payload[:2] == b"\xff\xd8" for _, payload in frames)
+        time.sleep(1.5)  # the lease has run out
+        listener.messages.clear()
+        time.sleep(1)
+        assert listener.messages == []
+    finally:
+        listener.close()
+
+
 def test_passwords_and_acl_keep_strangers_out(rig):
     broker, agents, work = rig
     refused = qkcam(broker, "status", password="wrong", work=work)
