@@ -164,8 +164,9 @@ TEST_F(RigTest, SynchronisedShotReleasesEveryCommandTogetherAndFindsEachFile)
             ASSERT_EQ(shots[i].result, QK_OK);
             EXPECT_EQ(shots[i].step, "");
             // Never before the instant asked for; the release time is the wall clock's.
-            if (c.atWallClock)
+            if (c.atWallClock) {
                 EXPECT_GE(shots[i].released, fireAt);
+            }
             EXPECT_LT(std::chrono::system_clock::now() - shots[i].released, std::chrono::seconds(10));
             if (c.direct) {
                 EXPECT_LT(shots[i].file.id, 0);
