@@ -4,7 +4,6 @@ selenium): a broker that serves the page, two agents of three virtual
 cameras each. Screenshots go to the test's artefact directory."""
 
 import os
-import subprocess
 import tempfile
 import time
 
@@ -114,3 +113,13 @@ def test_a_camera_pulled_out_greys_its_tile_within_two_seconds(console):
         browser.set_window_size(1280, 1000)
     finally:
         h3.stop()
+
+
+def test_a_host_that_goes_away_greys_its_tiles(console):
+    broker, agents, work, browser = console
+    os.kill(agents["h2"].agent_pid(), 9)  # no goodbye: the broker's last will says it
+    WebDriverWait(browser, 20).until(lambda b: all(
+        t.find_element(By.CSS_SELECTOR, ".reason").get_attribute("textContent") == "host offline"
+        for t in b.find_elements(By.CSS_SELECTOR, 'article.tile[data-host="h2"]')))
+    assert len(tiles(browser, gone=True)) >= 3 and all(
+        t.get_attribute("data-host") != "h1" for t in tiles(browser, gone=True))
