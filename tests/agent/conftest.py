@@ -26,10 +26,27 @@ def free_port() -> int:
         return s.getsockname()[1]
 
 
+def make_certificates(work: str) -> str:
+    """A CA and a broker certificate for 127.0.0.1; the listener's TLS lines."""
+    def openssl(*args):
+        subprocess.run(["openssl", *args], check=True, capture_output=True)
+    ca, key, csr, cert = (os.path.join(work, n) for n in ("ca.pem", "broker.key", "broker.csr", "broker.pem"))
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=qkcam test CA",
+            "-keyout", os.path.join(work, "ca.key"), "-out", ca)
+    openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", key, "-out", csr)
+    with open(os.path.join(work, "san.ext"), "w") as ext:
+        ext.write("subjectAltName=IP:127.0.0.1\n")
+    openssl("x509", "-req", "-in", csr, "-CA", ca, "-CAkey", os.path.join(work, "ca.key"), "-CAcreateserial",
+            "-days", "2", "-extfile", os.path.join(work, "san.ext"), "-out", cert)
+    for name in (ca, key, cert):
+        os.chmod(name, 0o644)
+    return f"cafile {ca}\ncertfile {cert}\nkeyfile {key}\n"
+
+
 class Broker:
-    def __init__(self, work: str, console_dir: str = ""):
+    def __init__(self, work: str, console_dir: str = "", tls: bool = False):
         self.work, self.port, self.process = work, free_port(), None
-        self.web_port = free_port()
+        self.web_port, self.tls_port = free_port(), free_port()
         passwords = os.path.join(work, "passwords")
         open(passwords, "w").close()
         for user, password in USERS.items():
@@ -47,6 +64,8 @@ class Broker:
         with open(self.config, "w") as conf:
             conf.write(f"listener {self.port} 127.0.0.1\nallow_anonymous false\npassword_file {passwords}\n"
                        f"acl_file {os.path.join(work, 'acl')}\npersistence true\npersistence_location {work}/\nmax_packet_size 16777216\n")
+            if tls:
+                conf.write(f"listener {self.tls_port} 127.0.0.1\n" + make_certificates(work))
             if console_dir:
                 # The console page and its MQTT over websockets, from the broker itself.
                 conf.write(f"listener {self.web_port} 127.0.0.1\nprotocol websockets\nhttp_dir {console_dir}\n")
@@ -127,12 +146,12 @@ class Listener:
         self.client.disconnect()
 
 
-def qkcam(broker: Broker, *args, user="coordinator", password=None, work=None):
+def qkcam(broker: Broker, *args, user="coordinator", password=None, work=None, port=None, link=()):
     pw = os.path.join(work or tempfile.gettempdir(), f"pw-{user}-{os.getpid()}")
     with open(pw, "w") as f:
         f.write((password or USERS[user]) + "\n")
     return subprocess.run([BIN["qkcam"], "--log-dir", work or tempfile.gettempdir(), "rig", *args, "--broker",
-                           f"127.0.0.1:{broker.port}", "--rig", RIG, "--username", user, "--password-file", pw],
+                           f"127.0.0.1:{port or broker.port}", "--rig", RIG, "--username", user, "--password-file", pw, *link],
                           capture_output=True, text=True, timeout=60)
 
 
@@ -150,7 +169,7 @@ def wait_online(broker: Broker, hosts, work, timeout=30.0, cameras_per_host=4):
 @pytest.fixture(scope="module")
 def rig():
     work = tempfile.mkdtemp(prefix="qkcam-agent-test-")
-    broker = Broker(work)
+    broker = Broker(work, tls=True)
     agents = {host: Agent(broker, host, work) for host in HOSTS}
     wait_online(broker, HOSTS, work)
     yield broker, agents, work

@@ -85,6 +85,12 @@ def test_passwords_and_acl_keep_strangers_out(rig):
     broker, agents, work = rig
     refused = qkcam(broker, "status", password="wrong", work=work)
     assert refused.returncode == 1 and "refused the connection" in refused.stderr
+    # Over TLS: with the rig's CA the broker is trusted; without TLS its TLS port answers nothing useful.
+    over_tls = qkcam(broker, "status", work=work, port=broker.tls_port, link=["--tls-ca", f"{work}/ca.pem",
+                                                                           "--timeout", "5"])
+    assert over_tls.returncode == 0 and "h1\tonline" in over_tls.stdout, over_tls.stderr
+    plain = qkcam(broker, "status", work=work, port=broker.tls_port, link=["--timeout", "2"])
+    assert plain.returncode == 1 and "no connection to the broker" in plain.stderr
     # An agent can't speak for another host.
     listener = Listener(broker, f"qkcam/{RIG}/h2/status")
     intruder = Listener(broker, f"qkcam/{RIG}/h1/cmd", user="h1")
