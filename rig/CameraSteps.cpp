@@ -147,6 +147,27 @@ QKResult SetAllowedValue(DevicePTP& device, int property, int value)
     return device.SetPropertyData(property, value);
 }
 
+QKResult ZoomTo(DevicePTP& device, int position, const std::function<bool()>& stop)
+{
+    int longest = 0;
+    QKResult result = device.GetMaximumZoom(&longest);
+    if (result != QK_OK)
+        return result;
+    if (position < 0 || position > longest) {
+        QK_LOG_ERR("ZoomTo: zoom %d is outside 0 to %d", position, longest);
+        return QK_UNSUPPORTED_VALUE;
+    }
+    return ContProc::run(device.PTPSetZoom(position), stop);
+}
+
+bool IsPlainFileName(const std::string& name)
+{
+    if (!name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos)
+        return true;
+    QK_LOG_ERR("IsPlainFileName: \"%s\" can't stand as a local file name", name.c_str());
+    return false;
+}
+
 QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files)
 {
     QKResult result = device.PTPUpdateObjectsInfo();

@@ -43,6 +43,16 @@ std::vector<int> AllowedValues(DevicePTP& device, int property);
 /// barred by the constraints is QK_UNSUPPORTED_VALUE with nothing sent.
 QKResult SetAllowedValue(DevicePTP& device, int property, int value);
 
+/// Moves the zoom to `position` and waits for the lens; a position outside
+/// 0 to the model's longest is QK_UNSUPPORTED_VALUE (logged), nothing sent.
+/// `stop`, when given, is asked between the chain's steps.
+QKResult ZoomTo(DevicePTP& device, int position, const std::function<bool()>& stop = nullptr);
+
+/// Whether a file name from the camera can stand as one local file name:
+/// not empty, not "." or "..", no '/' (logged when it can't), so that a
+/// camera can't make a host write outside the folder it chose.
+bool IsPlainFileName(const std::string& name);
+
 /// The card's catalogue, read afresh from the camera.
 QKResult Catalogue(DevicePTP& device, std::vector<QKFileInfo>* files);
 /// Downloads file `id` to `path` through a neighbour "<path>.part", renamed

@@ -223,11 +223,13 @@ QKResult Camera::RunChain(ContProc* chain)
 
 void Camera::SetZoom(int zoom)
 {
-    const int longest = MaxZoom();
-    if (zoom < 0 || zoom > longest)
-        Fail(QK_UNSUPPORTED_VALUE, "PTPSetZoom",
-             "zoom " + std::to_string(zoom) + " is outside 0 to " + std::to_string(longest));
-    Check(RunChain(Device()->PTPSetZoom(zoom)), "PTPSetZoom");
+    std::lock_guard<std::mutex> lock(chainMutex);
+    Interruption interruption;
+    const QKResult result = qkrig::ZoomTo(*Device(), zoom, interruption.Asker());
+    interruption.RaiseIfAny();
+    if (result == QK_UNSUPPORTED_VALUE)
+        Fail(result, "PTPSetZoom", "zoom " + std::to_string(zoom) + " is outside 0 to " + std::to_string(MaxZoom()));
+    Check(result, "PTPSetZoom");
 }
 
 void Camera::NeedManualFocus() const

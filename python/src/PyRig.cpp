@@ -63,8 +63,12 @@ public:
                 Fail(QK_ERROR, "mkdir", "can't make " + folder);
             auto wanted = ids.find(serial);
             for (const FileTuple& file : camera.Files())
-                if (wanted == ids.end() || std::count(wanted->second.begin(), wanted->second.end(), std::get<0>(file)))
+                if (wanted == ids.end() || std::count(wanted->second.begin(), wanted->second.end(), std::get<0>(file))) {
+                    if (!qkrig::IsPlainFileName(std::get<1>(file)))
+                        Fail(QK_ERROR, "download", "the camera's file name \"" + std::get<1>(file) +
+                                                       "\" can't stand as a local file name");
                     camera.Download(std::get<0>(file), folder + "/" + std::get<1>(file));
+                }
         });
     }
 

@@ -81,3 +81,13 @@ def test_unplug_during_download_leaves_nothing(bus, tmp_path):
     # The file that was there stays as it was; no piece of the new one.
     assert target.read_bytes() == b"kept"
     assert os.listdir(tmp_path) == ["big.mov"]
+
+
+def test_a_camera_cannot_name_a_file_outside_the_folder(bus, tmp_path):
+    virtual = bus("SX160", "QKN1")
+    virtual.add_card_file("../EVIL.JPG", 100)
+    (tmp_path / "inside").mkdir()
+    with qkcam.Rig() as rig:
+        outcome = rig.download_all(tmp_path / "inside")["QKN1"]
+    assert isinstance(outcome, qkcam.Error) and "can't stand as a local file name" in str(outcome)
+    assert not (tmp_path / "inside" / "EVIL.JPG").exists() and not (tmp_path / "EVIL.JPG").exists()

@@ -246,7 +246,6 @@ void Agent::Refresh()
         }
         Event({{"event", "left"}, {"serial", camera->second["serial"]}});
         ready.erase(camera->first);
-        failed.erase(camera->first);
         camera = identities.erase(camera);
         changed = true;
     }
@@ -271,7 +270,6 @@ void Agent::Refresh()
                                        {"ready", true}};
         }
         for (const RigOutcome& failure : opened->Failures()) {
-            failed[failure.path] = failure;
             identities[failure.path] = {{"serial", wstrToStr(failure.serial)}, {"ready", false},
                                         {"step", failure.step}, {"result", qkrig::ResultName(failure.result)}};
         }

@@ -91,7 +91,6 @@ private:
 
     // Only the worker thread touches these.
     std::map<std::wstring, Rig::Camera> ready;
-    std::map<std::wstring, RigOutcome> failed;
     std::map<std::wstring, json> identities;
     std::unique_ptr<Rig> rig;
     std::chrono::steady_clock::time_point leaseUntil{}, nextFrames{};

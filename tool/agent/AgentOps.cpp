@@ -7,7 +7,6 @@
 #include <cerrno>
 
 #include "log/Log.h"
-#include "proc/ContProc.h"
 #include "rig/CameraSteps.h"
 #include "tool/agent/Agent.h"
 
@@ -138,13 +137,9 @@ json Agent::Zoom(const Request& request)
     std::vector<Rig::Camera> chosen = Chosen(request);
     std::vector<RigOutcome> outcomes = Rig::Of(usb, chosen)->ForEach([&](const Rig::Camera& camera, std::string* step) {
         int longest = 0;
-        *step = "GetMaximumZoom";
-        QKResult result = camera.device->GetMaximumZoom(&longest);
-        if (result != QK_OK)
-            return result;
+        camera.device->GetMaximumZoom(&longest);
         *step = "PTPSetZoom " + std::to_string(position) + " (0 to " + std::to_string(longest) + ")";
-        return position < 0 || position > longest ? QK_UNSUPPORTED_VALUE
-                                                  : ContProc::run(camera.device->PTPSetZoom(position));
+        return qkrig::ZoomTo(*camera.device, position);
     });
     json cameras = json::array();
     for (size_t i = 0; i < outcomes.size(); ++i)
@@ -184,7 +179,7 @@ json Agent::Shoot(const Request& request)
         if (shot.ok()) {
             const std::string name = wstrToStr(shot.file.name);
             part["file"] = {{"id", shot.file.id}, {"name", name}, {"size", shot.file.size}};
-            if (!options.downloadDir.empty()) {
+            if (!options.downloadDir.empty() && qkrig::IsPlainFileName(name)) {
                 const std::string folder = options.downloadDir + "/" + wstrToStr(shot.serial);
                 mkdir(folder.c_str(), 0777);
                 const QKResult saved = qkrig::DownloadTo(*chosen[i].device, shot.file.id, folder + "/" + name);

@@ -111,6 +111,8 @@ void Progress::Finish()
 QKResult Download(DevicePTP& device, const QKFileInfo& file, const std::string& dir, const std::string& prefix,
                   Progress* progress, std::string* path)
 {
+    if (!qkrig::IsPlainFileName(Narrow(file.name)))
+        return QK_ERROR;
     *path = dir + "/" + prefix + Narrow(file.name);
     const QKResult result = qkrig::DownloadTo(device, file.id, *path);
     if (result != QK_OK)

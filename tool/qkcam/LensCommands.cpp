@@ -4,7 +4,6 @@
 #include <fstream>
 #include <iostream>
 
-#include "proc/ContProc.h"
 #include "tool/qkcam/Cli.h"
 
 namespace qkcli {
@@ -18,12 +17,9 @@ int Zoom(const Choice& choice, int position)
         return status;
     std::vector<RigOutcome> outcomes = session.TheRig().ForEach([position](const Rig::Camera& camera, std::string* step) {
         int maxZoom = 0;
-        *step = "GetMaximumZoom";
-        QKResult result = camera.device->GetMaximumZoom(&maxZoom);
-        if (result != QK_OK)
-            return result;
+        camera.device->GetMaximumZoom(&maxZoom);
         *step = "PTPSetZoom " + std::to_string(position) + " (0 to " + std::to_string(maxZoom) + ")";
-        return ContProc::run(camera.device->PTPSetZoom(position));
+        return qkrig::ZoomTo(*camera.device, position);
     });
     return std::max(session.Partial(), Session::Report(outcomes));
 }

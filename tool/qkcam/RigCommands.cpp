@@ -162,6 +162,12 @@ private:
         const std::string& host = levels[0];
         std::lock_guard<std::mutex> lock(mutex);
         if (levels[1] == "file" && levels.size() == 4 && !fileDir.empty()) {
+            // Names from the broker: none may lead out of the download folder.
+            if (!qkrig::IsPlainFileName(host) || !qkrig::IsPlainFileName(levels[2]) ||
+                !qkrig::IsPlainFileName(levels[3])) {
+                Say(kFailed, "refusing a picture published as " + topic);
+                return;
+            }
             const std::string dir = fileDir + "/" + host + "/" + levels[2];
             MakeDirs(dir);
             std::ofstream(dir + "/" + levels[3], std::ios::binary) << payload;
